@@ -1,0 +1,25 @@
+#include <TarnSocketIO/detail/Descriptor.h>
+
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace TarnSocketIO::detail {
+
+void Descriptor::Reset(int fd) {
+    if (m_fd > 0) {
+        const int error = errno;
+        // Not tried again on EINTR: on Linux the number is free by then, and may be somebody else's.
+        ::close(m_fd);
+        errno = error;
+    }
+    m_fd = fd;
+}
+
+int Descriptor::Release() {
+    const int fd = m_fd;
+    m_fd = -1;
+    return fd;
+}
+
+}  // namespace TarnSocketIO::detail

@@ -1,0 +1,27 @@
+#pragma once
+
+namespace TarnSocketIO::detail {
+
+/// The one owner of a descriptor: closes it when it goes, and leaves errno as it was.
+///
+/// -1 and 0 are "none" and never closed: 0 is somebody's standard input.
+class Descriptor {
+public:
+    explicit Descriptor(int fd = -1) : m_fd(fd) {}
+    ~Descriptor() { Reset(); }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    int Get() const { return m_fd; }
+
+    /// Closes what is owned and owns `fd` from now on.
+    void Reset(int fd = -1);
+
+    /// Gives the descriptor up without closing it.
+    int Release();
+
+private:
+    int m_fd;
+};
+
+}  // namespace TarnSocketIO::detail
