@@ -94,8 +94,8 @@ public:
     /// One pass over all connections, waiting up to 500 ms for the first to have data: on the receiving thread.
     ///
     /// Reads each ready connection once, at most 131,070 bytes, and calls OnReceivedData; a connection at its end gets
-    /// OnTerminated and is forgotten. Returns at once if there are no connections or if another thread's pass runs.
-    /// New connections join the next pass. Does not allocate.
+    /// OnTerminated and is forgotten. Urgent (out-of-band) bytes are dropped. Returns at once if there are no
+    /// connections or if another thread's pass runs. New connections join the next pass. Does not allocate.
     ///
     /// @return always false.
     bool MultiConnectionPoller();
@@ -123,7 +123,8 @@ protected:
     /// Data arrived. Exceptions are logged.
     ///
     /// @param socket  the connection, or the listening socket of a datagram listener.
-    /// @param data    valid until this returns; terminated after `length`.
+    /// @param data    valid until this returns; terminated after `length`. These `length` bytes may be changed, and
+    ///                nothing behind them.
     /// @param length  1 to 131,070. A stream cuts messages as it likes.
     virtual void OnReceivedData(int socket, char* data, long length) = 0;
 

@@ -108,19 +108,16 @@ void WriteMessageLocked(Tags tags, const char* fmt, va_list args) {
     if (sink == Sink::None) {
         return;
     }
-    // A line for the ring is made where it stays.
-    const std::int32_t entry = CUtility::m_nLogEntryIter;
-    char console_line[CUtility::LOG_ENTRY_SIZE];
-    BoundedText line(sink == Sink::Ring ? CUtility::m_szLogEntry[entry] : console_line, CUtility::LOG_ENTRY_SIZE);
+    // Not made in the ring itself: the arguments may point into the very entry that is written next.
+    char buffer[CUtility::LOG_ENTRY_SIZE];
+    BoundedText line(buffer, sizeof buffer);
     line.Append(StampLocked());
     tags(line);
-    const bool formatted = line.AppendFormat(fmt != nullptr ? fmt : "(null)", args);
-    if (sink == Sink::Ring) {
-        line.ClearRest();
-    }
-    if (!formatted) {
+    if (!line.AppendFormat(fmt != nullptr ? fmt : "(null)", args)) {
         std::puts("CUtility::DebugLog - exception caugh");
     } else if (sink == Sink::Ring) {
+        const std::int32_t entry = CUtility::m_nLogEntryIter;
+        CopyText(CUtility::m_szLogEntry[entry], line.View());
         CUtility::m_nLogEntryIter = (entry + 1) % CUtility::LOG_ENTRIES;
     } else {
         PrintLine(line.View());
@@ -138,8 +135,8 @@ void WriteOutcomeLocked(Tags tags, const std::string& text, bool ok) {
     BoundedText line(buffer, sizeof buffer);
     line.Append(StampLocked());
     tags(line);
-    line.Append(text.c_str(), outcome.size());
-    line.Append(outcome);
+    line.Append(text.c_str());
+    line.AppendWhole(outcome);
     PrintLine(line.View());
 }
 

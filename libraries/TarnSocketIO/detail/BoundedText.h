@@ -23,13 +23,17 @@ public:
     /// @param size  of the buffer, 1 or more; the text has one character less.
     BoundedText(char* buffer, std::size_t size) : m_buffer(buffer), m_size(size) { m_buffer[0] = '\0'; }
 
-    /// @param reserve  characters at the end that this text must leave free.
-    void Append(std::string_view text, std::size_t reserve = 0) {
-        const std::size_t room = Room();
-        const std::size_t length = std::min(text.size(), room - std::min(room, reserve));
+    void Append(std::string_view text) {
+        const std::size_t length = std::min(text.size(), Room());
         std::memcpy(m_buffer + m_length, text.data(), length);
         m_length += length;
         m_buffer[m_length] = '\0';
+    }
+
+    /// Appends a text shorter than the buffer whole; if need be, what stands before it is cut instead.
+    void AppendWhole(std::string_view text) {
+        m_length = std::min(m_length, m_size - 1 - text.size());
+        Append(text);
     }
 
     /// @return false if the C library could not format the message; nothing is appended then.
@@ -42,9 +46,6 @@ public:
         m_length += std::min(static_cast<std::size_t>(wanted), Room());
         return true;
     }
-
-    /// Fills the rest of the buffer with zeros.
-    void ClearRest() { std::memset(m_buffer + m_length, 0, m_size - m_length); }
 
     std::string_view View() const { return {m_buffer, m_length}; }
 
