@@ -113,24 +113,26 @@ bool CAsyncIO::Initialise(unsigned int port, const char* group) {
 
 bool CAsyncIO::CreateListenerSocket() {
     StopListener();
-    try {
-        OpenListener();
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
-    const int fd = GetListenerSocket();
+    const int fd = OpenListener();
     return fd > 0 && PrepareListener(fd);
 }
 
-void CAsyncIO::OpenListener() {
+int CAsyncIO::OpenListener() {
     const bool datagrams = m_ConnectionType == CONNECTION_UDP || m_ConnectionType == CONNECTION_DATAGRAM;
     const int type = datagrams ? SOCK_DGRAM : SOCK_STREAM;
     const int protocol = m_ConnectionType == CONNECTION_UDP ? IPPROTO_UDP : 0;
-
-    auto listener = std::make_shared<Descriptor>();
-    listener->Reset(detail::OpenSocket(type, protocol));
-    const StateLocker lock(m_StateMutex);
-    m_pListener = std::move(listener);
+    try {
+        auto listener = std::make_shared<Descriptor>();
+        listener->Reset(detail::OpenSocket(type, protocol));
+        const int fd = listener->Get();
+        if (fd > 0) {
+            const StateLocker lock(m_StateMutex);
+            m_pListener = std::move(listener);
+        }
+        return fd;
+    } catch (const std::bad_alloc&) {
+        return -1;
+    }
 }
 
 bool CAsyncIO::PrepareListener(int fd) const {

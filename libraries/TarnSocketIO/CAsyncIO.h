@@ -139,7 +139,7 @@ private:
     struct PollerState;
     enum class Outcome;
 
-    void OpenListener();
+    int OpenListener();
     bool PrepareListener(int fd) const;
     bool IsInitialised() const;
     std::shared_ptr<detail::Descriptor> ListenerInUse() const;

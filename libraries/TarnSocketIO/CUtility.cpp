@@ -1,9 +1,12 @@
 #include <TarnSocketIO/CUtility.h>
 
+#include <cstddef>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <exception>
 #include <string_view>
+#include <utility>
 
 #include <TarnSocketIO/detail/BoundedText.h>
 #include <TarnSocketIO/detail/PosixLock.h>
@@ -40,6 +43,9 @@ Sink SinkOf(int dest) {
 /// A time of day as it stands at the front of a line, with room for years of more than four digits.
 class TimeStamp {
 public:
+    /// Of a second that never comes again.
+    constexpr TimeStamp() = default;
+
     explicit TimeStamp(std::time_t second) : m_second(second) {
         std::tm local{};
         // The re-entrant form does not look at TZ by itself, and must not share its result with the application.
@@ -52,95 +58,145 @@ public:
     }
 
     std::time_t Second() const { return m_second; }
-    std::string_view View() const { return {m_text, m_length}; }
+
+    /// Puts the stamp, and zeros behind it, at the front of an empty buffer of at least TEXT_SIZE bytes.
+    ///
+    /// @return its length.
+    std::size_t CopyTo(char* buffer) const {
+        std::memcpy(buffer, m_text, sizeof m_text);
+        return m_length;
+    }
+
+    static constexpr std::size_t TEXT_SIZE = 64;
 
 private:
-    std::time_t m_second;
-    char m_text[80];
+    std::time_t m_second = -1;
+    char m_text[TEXT_SIZE] = {};
     std::size_t m_length = 0;
 };
 
 /// The stamp of this moment. Breaking the time down costs more than all the rest of a line, and holds for a second.
-std::string_view StampLocked() {
-    static TimeStamp current(std::time(nullptr));
+const TimeStamp& StampLocked() {
+    static TimeStamp current;
     const std::time_t now = std::time(nullptr);
     if (now != current.Second()) {
         current = TimeStamp(now);
     }
-    return current.View();
+    return current;
 }
 
-/// Writes a line and its newline to standard output in one piece, as printf would write it if it were a format without
-/// arguments and only `%%` were known to it.
-void PrintLine(std::string_view line) {
-    char output[CUtility::LOG_ENTRY_SIZE];
-    std::size_t length = 0;
-    for (std::size_t i = 0; i < line.size(); ++i) {
-        output[length++] = line[i];
-        if (line[i] == '%' && i + 1 < line.size() && line[i + 1] == '%') {
-            ++i;
+/// A line while it is made, its stamp already there. It goes to its sink from here and is not made in the ring itself,
+/// because its arguments may point into the very entry that is written next.
+class Line {
+public:
+    explicit Line(const TimeStamp& stamp) : m_text(m_buffer, CUtility::LOG_ENTRY_SIZE, stamp.CopyTo(m_buffer)) {}
+
+    BoundedText& Text() { return m_text; }
+
+    /// Writes the line and a newline to standard output in one piece, as printf would write it if it were a format
+    /// without arguments and only `%%` were known to it.
+    void WriteToConsole() const {
+        const std::string_view text = m_text.View();
+        char output[CUtility::LOG_ENTRY_SIZE];
+        std::size_t length = 0;
+        for (std::size_t i = 0; i < text.size(); ++i) {
+            output[length++] = text[i];
+            if (text[i] == '%' && i + 1 < text.size() && text[i + 1] == '%') {
+                ++i;
+            }
         }
+        output[length++] = '\n';
+        std::fwrite(output, 1, length, stdout);
     }
-    output[length++] = '\n';
-    std::fwrite(output, 1, length, stdout);
-}
+
+    /// Puts the line into the ring, zeros behind it, and goes on to the next entry.
+    ///
+    /// Works by whole blocks, of which a line has one or two, and clears only those that the line before has used: so
+    /// little of the ring passes through the cache, and no branch depends on the very length of a line.
+    void WriteToRingLocked() {
+        static std::size_t used_bytes[CUtility::LOG_ENTRIES];
+        const std::int32_t entry = CUtility::m_nLogEntryIter;
+        char* const target = CUtility::m_szLogEntry[entry];
+        const std::size_t length = m_text.View().size();
+        std::memset(m_buffer + length, 0, block);
+        std::size_t at = 0;
+        for (; at <= length; at += block) {
+            std::memcpy(target + at, m_buffer + at, block);
+        }
+        const std::size_t used_before = std::exchange(used_bytes[entry], at);
+        for (; at < used_before; at += block) {
+            std::memset(target + at, 0, block);
+        }
+        // Only written under the lock; a stronger order would wait here for the whole line to reach the cache.
+        CUtility::m_nLogEntryIter.store((entry + 1) % CUtility::LOG_ENTRIES, std::memory_order_relaxed);
+    }
+
+private:
+    static constexpr std::size_t block = 64;
+    static_assert(CUtility::LOG_ENTRY_SIZE % block == 0);
+
+    char m_buffer[CUtility::LOG_ENTRY_SIZE + block];
+    BoundedText m_text;
+};
 
 bool IsUntaggedLogOn() {
     return CUtility::m_nLogDest > 0 && !CUtility::m_bHaveFilter && !CUtility::m_bHaveSubsystem;
 }
 
-bool DoTagsPassLocked(const std::string& subsystem, const std::string& filter) {
-    return (!CUtility::m_bHaveSubsystem || subsystem == CUtility::m_strSubsystem) &&
-           (!CUtility::m_bHaveFilter || filter == CUtility::m_strFilter);
-}
+/// What a tagged message is filtered by, and begins with.
+struct Tags {
+    const std::string& subsystem;
+    const std::string& filter;
 
-void AppendTags(BoundedText& line, const std::string& subsystem, const std::string& filter) {
-    line.Append(subsystem.c_str());
-    line.Append(": ");
-    line.Append(filter.c_str());
-    line.Append(": ");
-}
+    bool DoPassLocked() const {
+        return (!CUtility::m_bHaveSubsystem || subsystem == CUtility::m_strSubsystem) &&
+               (!CUtility::m_bHaveFilter || filter == CUtility::m_strFilter);
+    }
 
-/// Stamps, formats and writes one line. `tags(line)` puts what stands before the message.
-template <class Tags>
-void WriteMessageLocked(Tags tags, const char* fmt, va_list args) {
+    void AppendTo(BoundedText& line) const {
+        line.Append(subsystem.c_str());
+        line.Append(": ");
+        line.Append(filter.c_str());
+        line.Append(": ");
+    }
+};
+
+/// Stamps, formats and writes one line.
+///
+/// @param tags  null for an untagged message.
+void WriteMessageLocked(const Tags* tags, const char* fmt, va_list args) {
     const Sink sink = SinkOf(CUtility::m_nLogDest);
     if (sink == Sink::None) {
         return;
     }
-    // Not made in the ring itself: the arguments may point into the very entry that is written next.
-    char buffer[CUtility::LOG_ENTRY_SIZE];
-    BoundedText line(buffer, sizeof buffer);
-    line.Append(StampLocked());
-    tags(line);
-    if (!line.AppendFormat(fmt != nullptr ? fmt : "(null)", args)) {
+    Line line(StampLocked());
+    if (tags != nullptr) {
+        tags->AppendTo(line.Text());
+    }
+    if (!line.Text().AppendFormat(fmt != nullptr ? fmt : "(null)", args)) {
         std::puts("CUtility::DebugLog - exception caugh");
     } else if (sink == Sink::Ring) {
-        const std::int32_t entry = CUtility::m_nLogEntryIter;
-        CopyText(CUtility::m_szLogEntry[entry], line.View());
-        CUtility::m_nLogEntryIter = (entry + 1) % CUtility::LOG_ENTRIES;
+        line.WriteToRingLocked();
     } else {
-        PrintLine(line.View());
+        line.WriteToConsole();
     }
 }
 
 /// Writes "text - succeeded" or "text - failed"; the ring never gets one.
-template <class Tags>
-void WriteOutcomeLocked(Tags tags, const std::string& text, bool ok) {
+///
+/// @param tags  null for an untagged message.
+void WriteOutcomeLocked(const Tags* tags, const std::string& text, bool ok) {
     if ((CUtility::m_nLogDest & 1) == 0) {
         return;
     }
-    const std::string_view outcome = ok ? " - succeeded" : " - failed";
-    char buffer[CUtility::LOG_ENTRY_SIZE];
-    BoundedText line(buffer, sizeof buffer);
-    line.Append(StampLocked());
-    tags(line);
-    line.Append(text.c_str());
-    line.AppendWhole(outcome);
-    PrintLine(line.View());
+    Line line(StampLocked());
+    if (tags != nullptr) {
+        tags->AppendTo(line.Text());
+    }
+    line.Text().Append(text.c_str());
+    line.Text().AppendWhole(ok ? " - succeeded" : " - failed");
+    line.WriteToConsole();
 }
-
-constexpr auto no_tags = [](BoundedText&) {};
 
 }  // namespace
 
@@ -178,18 +234,19 @@ void CUtility::Debug(const char* fmt, ...) {
     va_start(args, fmt);
     {
         const PosixLock lock(m_mutex);
-        WriteMessageLocked(no_tags, fmt, args);
+        WriteMessageLocked(nullptr, fmt, args);
     }
     va_end(args);
 }
 
 void CUtility::DebugLocal(std::string subsystem, std::string filter, const char* fmt, ...) {
+    const Tags tags{subsystem, filter};
     va_list args;
     va_start(args, fmt);
     {
         const PosixLock lock(m_mutex);
-        if (DoTagsPassLocked(subsystem, filter)) {
-            WriteMessageLocked([&](BoundedText& line) { AppendTags(line, subsystem, filter); }, fmt, args);
+        if (tags.DoPassLocked()) {
+            WriteMessageLocked(&tags, fmt, args);
         }
     }
     va_end(args);
@@ -200,31 +257,30 @@ void CUtility::ConditionalDebug(const std::string& text, bool ok) {
         return;
     }
     const PosixLock lock(m_mutex);
-    WriteOutcomeLocked(no_tags, text, ok);
+    WriteOutcomeLocked(nullptr, text, ok);
 }
 
 void CUtility::ConditionalDebugLocal(std::string subsystem, std::string filter, const std::string& text, bool ok) {
     if (m_nLogDest <= 0) {
         return;
     }
+    const Tags tags{subsystem, filter};
     const PosixLock lock(m_mutex);
-    if (DoTagsPassLocked(subsystem, filter)) {
-        WriteOutcomeLocked([&](BoundedText& line) { AppendTags(line, subsystem, filter); }, text, ok);
+    if (tags.DoPassLocked()) {
+        WriteOutcomeLocked(&tags, text, ok);
     }
 }
 
 void CUtility::DebugLog(const std::string& fmt, va_list args) {
-    WriteMessageLocked(no_tags, fmt.c_str(), args);
+    WriteMessageLocked(nullptr, fmt.c_str(), args);
 }
 
 std::string CUtility::PrefixTimestamp(const std::string& text) {
     std::string result;
     try {
-        char buffer[LOG_ENTRY_SIZE];
-        BoundedText line(buffer, sizeof buffer);
-        line.Append(TimeStamp(std::time(nullptr)).View());
-        line.Append(text.c_str());
-        result = line.View();
+        Line line(TimeStamp(std::time(nullptr)));
+        line.Text().Append(text.c_str());
+        result = line.Text().View();
     } catch (const std::exception&) {
         std::puts("CUtility::PrefixTimestamp - exception caugh");
     }
