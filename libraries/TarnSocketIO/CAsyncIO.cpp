@@ -319,10 +319,6 @@ CAsyncIO::Outcome CAsyncIO::ReceiveOnce(const pollfd& ready, long& length) {
     PollerState& poller = *m_pPoller;
     length = detail::Receive(ready.fd, poller.buffer.data(), receive_length);
     if (length < 0) {
-        if ((ready.revents & POLLPRI) != 0) {
-            // Nobody asks for urgent data, and as long as it waits, poll would never wait.
-            detail::DropUrgentByte(ready.fd);
-        }
         return Outcome::Nothing;
     }
     if (length == 0) {

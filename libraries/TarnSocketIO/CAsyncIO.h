@@ -94,8 +94,8 @@ public:
     /// One pass over all connections, waiting up to 500 ms for the first to have data: on the receiving thread.
     ///
     /// Reads each ready connection once, at most 131,070 bytes, and calls OnReceivedData; a connection at its end gets
-    /// OnTerminated and is forgotten. Urgent (out-of-band) bytes are dropped. Returns at once if there are no
-    /// connections or if another thread's pass runs. New connections join the next pass. Does not allocate.
+    /// OnTerminated and is forgotten. Returns at once if there are no connections or if another thread's pass runs.
+    /// New connections join the next pass. Does not allocate.
     ///
     /// @return always false.
     bool MultiConnectionPoller();

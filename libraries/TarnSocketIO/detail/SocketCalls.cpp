@@ -50,11 +50,6 @@ long Receive(int fd, char* buffer, std::size_t size) {
     return ::recv(fd, buffer, size, MSG_DONTWAIT);
 }
 
-void DropUrgentByte(int fd) {
-    char urgent = 0;
-    ::recv(fd, &urgent, 1, MSG_OOB | MSG_DONTWAIT);
-}
-
 long SendNow(int fd, const char* data, std::size_t length) {
     return ::send(fd, data, length, MSG_DONTWAIT | MSG_NOSIGNAL);
 }

@@ -29,9 +29,6 @@ int Accept(int fd, sockaddr_in& peer);
 /// One read that never waits.
 long Receive(int fd, char* buffer, std::size_t size);
 
-/// Reads the urgent (out-of-band) byte of a stream, if there is one, and forgets it.
-void DropUrgentByte(int fd);
-
 /// One send that never waits and raises no SIGPIPE when the peer is gone.
 long SendNow(int fd, const char* data, std::size_t length);
 
