@@ -8,7 +8,7 @@ function(tarn_compile_options target)
   target_compile_options(${target} PRIVATE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion
     -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
-  if(TARN_IS_TOP_LEVEL)
+  if(TARN_WARNINGS_AS_ERRORS)
     target_compile_options(${target} PRIVATE -Werror)
   endif()
 endfunction()
@@ -28,5 +28,7 @@ function(tarn_library target)
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/libraries>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   target_link_libraries(${target} PUBLIC Threads::Threads)
-  install(TARGETS ${target} EXPORT TarnSocketIOTargets)
+  if(TARN_INSTALL)
+    install(TARGETS ${target} EXPORT TarnSocketIOTargets)
+  endif()
 endfunction()

@@ -15,6 +15,7 @@
 #include <cctype>
 #include <charconv>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -55,33 +56,48 @@ public:
     }
 
 private:
-    // On the accepting thread.
+    // On the accepting thread. A client that was quick may have been terminated before this is called.
     void OnConnected(int socket) override {
+        // By default closing waits a second for a client that does not read, and here everybody would wait with it.
+        const linger no_wait{0, 0};
+        setsockopt(socket, SOL_SOCKET, SO_LINGER, &no_wait, sizeof no_wait);
+
         const std::lock_guard<std::mutex> lock(m_mutex);
-        m_open.insert(socket);
+        if (m_ended_early.erase(socket) == 0) {
+            m_open.insert(socket);
+        }
     }
 
     // On the polling thread. A stream cuts what was sent as it likes, so the answer is made byte by byte.
     void OnReceivedData(int socket, char* data, long length) override {
         std::transform(data, data + length, data, [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-        // Send never waits, and takes what the socket has room for. A server with answers larger than that keeps the
-        // rest until the client has read some.
-        if (!Send(socket, data, length)) {
-            CUtility::Debug("stream_server - no answer to %d", socket);
-        }
+        Answer(socket, data, static_cast<std::size_t>(length));
     }
 
     // On the polling thread. The descriptor is ours, and this is the place to close it.
     void OnTerminated(int socket) override {
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
-            m_open.erase(socket);
+            if (m_open.erase(socket) == 0) {
+                m_ended_early.insert(socket);
+            }
         }
         close(socket);
     }
 
+    // CAsyncIO::Send is for messages that surely fit into the socket's buffer. These may be larger, so it matters how
+    // much was taken. Nobody waits for a client that does not read: it is thrown out, and OnTerminated follows.
+    static void Answer(int socket, const char* data, std::size_t length) {
+        const ssize_t sent = send(socket, data, length, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (sent != static_cast<ssize_t>(length)) {
+            CUtility::Debug("stream_server - %d does not read its answers", socket);
+            shutdown(socket, SHUT_RDWR);
+        }
+    }
+
     mutable std::mutex m_mutex;
     std::set<int> m_open;
+    std::set<int> m_ended_early;
 };
 
 /// Runs the server's two loops on threads of its own until it goes.
@@ -133,8 +149,12 @@ bool ParsePort(const char* text, std::uint16_t& port) {
 
 int main(int argc, char* argv[]) {
     std::uint16_t port = 0;
-    if (argc > 2 || (argc == 2 && !ParsePort(argv[1], port))) {
-        std::fprintf(stderr, "stream_server: \"%s\" is not a port; usage: stream_server [0..65535]\n", argv[argc - 1]);
+    if (argc > 2) {
+        std::fprintf(stderr, "stream_server: \"%s\" is one argument too many; usage: stream_server [port]\n", argv[2]);
+        return 2;
+    }
+    if (argc == 2 && !ParsePort(argv[1], port)) {
+        std::fprintf(stderr, "stream_server: \"%s\" is not a port; give a number from 0 to 65535\n", argv[1]);
         return 2;
     }
 
@@ -153,7 +173,7 @@ int main(int argc, char* argv[]) {
     server.Initialise(port, nullptr);
     if (server.Port() == 0) {
         server.StopListener();
-        std::fprintf(stderr, "stream_server: cannot listen on port %d; is another program using it?\n", port);
+        std::fprintf(stderr, "stream_server: cannot listen on port %d: in use, or not free again yet\n", port);
         return 1;
     }
     std::printf("stream_server: listening on port %d\n", server.Port());

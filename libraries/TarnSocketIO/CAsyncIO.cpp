@@ -25,8 +25,7 @@ using detail::Descriptor;
 
 namespace {
 
-using StateLocker = CScopedLocker<CStaticMutex>;
-using MapLocker = CScopedLocker<CStaticMutex>;
+using Locker = CScopedLocker<CStaticMutex>;
 
 constexpr std::size_t max_connections = 20;
 constexpr std::size_t receive_length = 131070;
@@ -38,8 +37,10 @@ constexpr int linger_seconds = 1;
 
 constexpr short data_events = POLLIN | POLLPRI;
 
-bool IsWantOfResources(int error) {
-    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+/// Whether accept will fail in the same way if it is called again at once: descriptors or memory have run out, or there
+/// is no listener any more.
+bool IsLasting(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM || error == EBADF;
 }
 
 /// Makes passes exclusive without anybody waiting: the one that finds another running is not entered.
@@ -104,7 +105,7 @@ bool CAsyncIO::Initialise(unsigned int port, const char* group) {
     }
     m_pPoller.reset(new (std::nothrow) PollerState);
     if (m_pPoller != nullptr && CreateListenerSocket()) {
-        const StateLocker lock(m_StateMutex);
+        const Locker lock(m_StateMutex);
         m_bInitialised = true;
     }
     // Kept: a listener that could not be opened is not a failure of this call. Every pass of the poller reports it.
@@ -126,7 +127,7 @@ int CAsyncIO::OpenListener() {
         listener->Reset(detail::OpenSocket(type, protocol));
         const int fd = listener->Get();
         if (fd > 0) {
-            const StateLocker lock(m_StateMutex);
+            const Locker lock(m_StateMutex);
             m_pListener = std::move(listener);
         }
         return fd;
@@ -161,10 +162,8 @@ bool CAsyncIO::PrepareListener(int fd) const {
 }
 
 bool CAsyncIO::MultiConnectionAcceptor() {
-    if (!IsInitialised()) {
-        return false;
-    }
-    if (AreAllConnectionsTaken()) {
+    // Whatever there is no use in trying again at once is followed by a step, so that a loop around this does not spin.
+    if (!IsInitialised() || AreAllConnectionsTaken()) {
         detail::PauseOneStep();
         return false;
     }
@@ -173,7 +172,7 @@ bool CAsyncIO::MultiConnectionAcceptor() {
     if (connection.Get() == -1) {
         const int error = errno;
         CUtility::Debug("CAsyncIO::MultiConnectionAcceptor() - accept returned bad socket");
-        if (IsWantOfResources(error)) {
+        if (IsLasting(error)) {
             detail::PauseOneStep();
         }
         return false;
@@ -191,7 +190,7 @@ bool CAsyncIO::MultiConnectionAcceptor() {
 }
 
 bool CAsyncIO::AreAllConnectionsTaken() const {
-    const MapLocker lock(m_MapMutex);
+    const Locker lock(m_MapMutex);
     return m_mapContexts.size() >= max_connections;
 }
 
@@ -210,7 +209,7 @@ void CAsyncIO::Register(int socket, const std::string& host_name) {
     context->m_PollFd.fd = socket;
     context->m_PollFd.events = detail::READ_EVENTS;
 
-    const MapLocker lock(m_MapMutex);
+    const Locker lock(m_MapMutex);
     m_mapContexts[socket] = std::move(context);
     m_bContextsChanged = true;
 }
@@ -248,7 +247,7 @@ void CAsyncIO::PollConnections() {
 
 void CAsyncIO::RefreshPollSet() {
     PollerState& poller = *m_pPoller;
-    const MapLocker lock(m_MapMutex);
+    const Locker lock(m_MapMutex);
     if (!m_bContextsChanged) {
         return;
     }
@@ -283,7 +282,7 @@ void CAsyncIO::ServeConnection(const pollfd& ready, const Context& context) {
 }
 
 bool CAsyncIO::IsStillRegistered(const Context& context) const {
-    const MapLocker lock(m_MapMutex);
+    const Locker lock(m_MapMutex);
     const auto found = m_mapContexts.find(context->m_PollFd.fd);
     return found != m_mapContexts.end() && found->second == context;
 }
@@ -345,7 +344,7 @@ void CAsyncIO::EndConnection(const Context& context) {
     CUtility::Debug("CAsyncIO::MultiConnectionPoller - removing socket context");
     const int socket = context->m_PollFd.fd;
     {
-        const MapLocker lock(m_MapMutex);
+        const Locker lock(m_MapMutex);
         m_pEnding = context;
         m_EndingThread = pthread_self();
     }
@@ -354,7 +353,7 @@ void CAsyncIO::EndConnection(const Context& context) {
     } catch (...) {
         CUtility::Debug("CAsyncIO::MultiConnectionPoller - OnConnectionTerminated exception!");
     }
-    const MapLocker lock(m_MapMutex);
+    const Locker lock(m_MapMutex);
     m_pEnding.reset();
     m_bContextsChanged = true;
     // The application has closed the descriptor by now, and the acceptor may already have been given its number again.
@@ -370,7 +369,7 @@ bool CAsyncIO::Send(int socket, const char* data, long length) {
     }
     {
         // Held while sending: a connection cannot end, and its number not go to another peer, in between.
-        const MapLocker lock(m_MapMutex);
+        const Locker lock(m_MapMutex);
         const auto found = m_mapContexts.find(socket);
         // In OnTerminated the descriptor is closed; only the thread that does it knows whether it has been yet.
         const bool usable = found != m_mapContexts.end() &&
@@ -386,7 +385,7 @@ bool CAsyncIO::Send(int socket, const char* data, long length) {
 void CAsyncIO::StopListener() {
     std::weak_ptr<Descriptor> users;
     {
-        const StateLocker lock(m_StateMutex);
+        const Locker lock(m_StateMutex);
         if (m_pListener == nullptr) {
             return;
         }
@@ -407,12 +406,12 @@ int CAsyncIO::GetListenerSocket() const {
 }
 
 bool CAsyncIO::IsInitialised() const {
-    const StateLocker lock(m_StateMutex);
+    const Locker lock(m_StateMutex);
     return m_bInitialised;
 }
 
 std::shared_ptr<Descriptor> CAsyncIO::ListenerInUse() const {
-    const StateLocker lock(m_StateMutex);
+    const Locker lock(m_StateMutex);
     return m_pListener;
 }
 

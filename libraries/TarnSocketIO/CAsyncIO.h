@@ -32,21 +32,27 @@ struct _SOCKET_CONTEXT {
 ///     accepting thread:   while (running) server.MultiConnectionAcceptor();   // waits for a connection
 ///     receiving thread:   while (running) server.MultiConnectionPoller();     // waits up to 500 ms for data
 ///
-/// The receiving loop finds no connection to wait for at the beginning and then returns at once, so it should sleep a
-/// little between passes. To end: StopListener (it wakes the accepting thread), then end the loops, then destroy.
+/// Without a connection the receiving loop's passes return at once, so it should sleep a little then. To end:
+/// StopListener (it wakes the accepting thread), then end the loops, then destroy.
 ///
 /// The same class opens a datagram listener (CONNECTION_UDP, CONNECTION_DATAGRAM); then the poller reads the listening
 /// socket itself, and nothing is accepted.
 ///
 /// **Who closes what.** The listening socket belongs to this object and is closed by StopListener, not by the
-/// destructor. Accepted descriptors belong to the application from OnConnected on: it closes each in OnTerminated, and
-/// nowhere else, because this object uses the number until then.
+/// destructor. Accepted descriptors belong to the application. While the loops run it closes each in OnTerminated and
+/// nowhere else, because this object uses the number until then; to throw a client out it calls shutdown(2), and
+/// OnTerminated follows. What is still open when the loops have ended is the application's to close, too.
 ///
-/// **The 21st connection** waits in the kernel's backlog until one of the 20 ends.
+/// **Closing waits.** Connections inherit SO_LINGER with 1 second, so close(2) waits up to that long for a peer that
+/// does not read, on the receiving thread, with all other connections. A server for clients that it does not trust
+/// switches SO_LINGER off in OnConnected; the kernel still delivers what is on its way.
 ///
-/// **Threads.** One accepting and one receiving thread at a time; Send and StopListener from any thread, notifications
-/// included. Notifications run with no lock held, OnConnected on the accepting thread, the others on the receiving
-/// thread, which needs no more than an ordinary small stack (128 KiB is enough).
+/// **The 21st connection** waits in the kernel's backlog until one of the 20 ends. There is no idle timeout: a peer
+/// that sends nothing keeps its place.
+///
+/// **Threads.** One accepting and one receiving thread at a time, which must not be cancelled (pthread_cancel); Send
+/// and StopListener from any thread, notifications included. Notifications run with no lock held, OnConnected on the
+/// accepting thread, the others on the receiving thread, which needs no more than a small stack (128 KiB is enough).
 ///
 /// **Errors** are a false result and a line in the debug log (CUtility). Nothing is thrown, but what OnConnected
 /// throws. A peer that is gone never raises SIGPIPE.
@@ -63,22 +69,24 @@ public:
 
     /// Opens the listener, see CreateListenerSocket.
     ///
-    /// @param port   host byte order; 0 lets the kernel choose one, see GetListenerSocket.
+    /// @param port   host byte order; 0 lets the kernel choose one, see GetListenerSocket. More than 65,535 is a port
+    ///               that cannot be bound.
     /// @param group  for CONNECTION_DATAGRAM the multicast group to join, a dotted quad of at most 511 characters; null
     ///               or ignored otherwise. Copied.
-    /// @return false if the object already has a working listener, which is then left as it is. True otherwise, *also
-    ///         if the listener could not be opened*: the log tells, every poller pass reports it, and Initialise may be
-    ///         called again.
+    /// @return false if a listener has been opened before, also if StopListener has closed it; nothing is changed then.
+    ///         True otherwise, *also if the listener could not be opened*: the log tells, every poller pass reports it,
+    ///         and Initialise may be called again.
     bool Initialise(unsigned int port, const char* group);
 
     /// socket(2), SO_LINGER with 1 second (accepted connections inherit it: closing one waits that long for data on its
     /// way), bind(2) to all interfaces; for CONNECTION_STREAM listen(2) with a backlog of 128, for CONNECTION_DATAGRAM
-    /// IP_ADD_MEMBERSHIP on the interface that the routing table names. Called by Initialise. A listener of an earlier
-    /// call is closed.
+    /// IP_ADD_MEMBERSHIP on the interface that the routing table names. Called by Initialise; after StopListener it
+    /// opens the listener again. A listener of an earlier call is closed.
     ///
-    /// @return false if there is no socket, linger cannot be set, or a stream listener cannot be bound (EADDRINUSE:
-    ///         the port is taken; EACCES: below 1024 without CAP_NET_BIND_SERVICE) or cannot listen. Datagram listeners
-    ///         do not report a failed bind, and a failed join is only logged.
+    /// @return false if there is no socket, linger cannot be set, or a stream listener cannot be bound (EADDRINUSE: the
+    ///         port is taken, or connections of an earlier server on it are still in TIME_WAIT; EACCES: below 1024
+    ///         without CAP_NET_BIND_SERVICE) or cannot listen. Datagram listeners do not report a failed bind, and a
+    ///         failed join is only logged.
     bool CreateListenerSocket();
 
     /// Accepts one connection, waiting for it in accept(2): on the accepting thread.
@@ -103,17 +111,22 @@ public:
     /// One send(2) that never waits, on an accepted connection.
     ///
     /// @param data  any bytes; may be null when `length` is 0.
-    /// @return true if the kernel took the data or a first part of it (there is no retry). False if nothing was taken:
-    ///         the socket's buffer is full, the peer is gone, `length` is negative, or `socket` is not a connection of
-    ///         this server (logged). While OnTerminated runs, only the thread it runs on can still send.
+    /// @return true if the kernel took the data or a first part of it. How much is not told, and there is no retry:
+    ///         right for messages that fit into the socket's buffer; for more, call send(2) yourself. False if nothing
+    ///         was taken: the buffer is full, the peer is gone, `length` is negative, or `socket` is not a connection
+    ///         of this server (logged). While OnTerminated runs, only the thread it runs on can still send.
     bool Send(int socket, const char* data, long length);
 
     /// Shuts the listening socket down and closes it; a thread that waits in MultiConnectionAcceptor returns. Accepted
     /// connections stay open, and the poller goes on serving them. Calling it again, or with no listener, does nothing.
+    /// A thread that is looking up a new peer's name meanwhile returns when the name server has answered.
     void StopListener();
 
 protected:
-    /// A connection was accepted. Its data may be notified before this returns.
+    /// A connection was accepted and can be sent to.
+    ///
+    /// It is polled already: where the receiving thread is quicker, OnReceivedData and even OnTerminated of the
+    /// connection come before this one. No other connection gets the number before this returns.
     virtual void OnConnected(int socket) = 0;
 
     /// The peer has ended the connection, or it broke. Called once for each. Close `socket` here. Exceptions are
@@ -130,8 +143,8 @@ protected:
 
     CONNECTION_TYPE GetConnectionType() const { return m_ConnectionType; }
 
-    /// The listening socket, or -1 before it is created and after StopListener. Borrowed: ask it for its address (with
-    /// getsockname, for a port that the kernel chose), but do not close it.
+    /// The listening socket, or -1 before it is created and after StopListener. Borrowed: ask it for its address, but
+    /// do not close it. getsockname(2) gives the port that the kernel chose, and port 0 if it could not be bound.
     int GetListenerSocket() const;
 
 private:

@@ -14,5 +14,3 @@
 #define TARN_GUARDED_BY(lock) TARN_THREAD_ANNOTATION_(guarded_by(lock))
 #define TARN_ACQUIRE(...) TARN_THREAD_ANNOTATION_(acquire_capability(__VA_ARGS__))
 #define TARN_RELEASE(...) TARN_THREAD_ANNOTATION_(release_capability(__VA_ARGS__))
-#define TARN_REQUIRES(...) TARN_THREAD_ANNOTATION_(requires_capability(__VA_ARGS__))
-#define TARN_EXCLUDES(...) TARN_THREAD_ANNOTATION_(locks_excluded(__VA_ARGS__))

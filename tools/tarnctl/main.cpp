@@ -3,6 +3,7 @@
 #include <TarnSocketIO/Version.h>
 
 #include <cstdio>
+#include <string>
 #include <string_view>
 
 #include "serve.h"
@@ -11,11 +12,12 @@ namespace {
 
 struct Command {
     std::string_view name;
+    const char* full_name;  // what its own complaints begin with
     int (*run)(int count, char* arguments[]);
 };
 
 constexpr Command commands[] = {
-    {"serve", Serve},
+    {"serve", "tarnctl serve", Serve},
 };
 
 constexpr char usage[] =
@@ -44,6 +46,8 @@ int main(int argc, char* argv[]) {
     }
     for (const Command& command : commands) {
         if (command.name == word) {
+            std::string full_name = command.full_name;
+            argv[1] = full_name.data();
             return command.run(argc - 1, argv + 1);
         }
     }

@@ -10,10 +10,9 @@
 #include <atomic>
 #include <charconv>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <mutex>
-#include <set>
 #include <string_view>
 #include <system_error>
 #include <thread>
@@ -26,7 +25,8 @@ using TarnSocketIO::CUtility;
 constexpr char usage[] =
     "usage: tarnctl serve [--port N] [--quiet]\n"
     "\n"
-    "Sends back to every TCP client what it sends, for trying a network out.\n"
+    "Sends back to every TCP client what it sends, for trying a network out. A client that does not\n"
+    "read is thrown out.\n"
     "\n"
     "  -p, --port N   listen on this port, 0 to 65535; 0, the default, takes a free one and prints it\n"
     "  -q, --quiet    no log of connections\n"
@@ -41,12 +41,6 @@ class EchoServer : public CAsyncIO {
 public:
     EchoServer() : CAsyncIO(TarnSocketIO::CONNECTION_STREAM) {}
 
-    ~EchoServer() override {
-        for (const int socket : m_open) {
-            close(socket);
-        }
-    }
-
     /// The port that the kernel gave, or 0 if the listener could not be bound.
     std::uint16_t Port() const {
         sockaddr_in address{};
@@ -57,20 +51,20 @@ public:
 
 private:
     void OnConnected(int socket) override {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_open.insert(socket);
+        // By default closing waits a second for a client that does not read, and everybody would wait with it.
+        const linger no_wait{0, 0};
+        setsockopt(socket, SOL_SOCKET, SO_LINGER, &no_wait, sizeof no_wait);
     }
 
-    void OnReceivedData(int socket, char* data, long length) override { Send(socket, data, length); }
-
-    void OnTerminated(int socket) override {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_open.erase(socket);
-        close(socket);
+    // A client that sends without reading is thrown out, rather than given less than it has sent.
+    void OnReceivedData(int socket, char* data, long length) override {
+        if (send(socket, data, static_cast<std::size_t>(length), MSG_DONTWAIT | MSG_NOSIGNAL) != length) {
+            CUtility::Debug("tarnctl - %d does not read what it is sent", socket);
+            shutdown(socket, SHUT_RDWR);
+        }
     }
 
-    std::mutex m_mutex;
-    std::set<int> m_open;
+    void OnTerminated(int socket) override { close(socket); }
 };
 
 bool ParsePort(std::string_view text, std::uint16_t& port) {
@@ -163,7 +157,9 @@ int Serve(int count, char* arguments[]) {
     const std::uint16_t port = server.Port();
     if (port == 0) {
         server.StopListener();
-        std::fprintf(stderr, "tarnctl serve: cannot listen on port %d: in use, or below 1024 without the privilege\n",
+        std::fprintf(stderr,
+                     "tarnctl serve: cannot listen on port %d: in use or not free again yet, or below 1024 without the "
+                     "privilege\n",
                      options.port);
         return 1;
     }
