@@ -4,4 +4,6 @@
 
 CMutex::CMutex(enMutexTypes) : m_mutex(), m_bValid(pthread_mutex_init(&m_mutex, nullptr) == 0) {}
 
-CMutex::~CMutex() { pthread_mutex_destroy(&m_mutex); }
+CMutex::~CMutex() {
+    pthread_mutex_destroy(&m_mutex);
+}
