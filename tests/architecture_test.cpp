@@ -1,11 +1,12 @@
 // Holds the include directions of the sources against the table in docs/architecture.md.
 
+#include <fnmatch.h>
 #include <gmock/gmock.h>
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -20,7 +21,7 @@ const fs::path libraries = source_root / "libraries";
 
 struct Room {
     std::string name;
-    std::vector<std::regex> files;
+    std::vector<std::string> files;  // patterns as of the shell
     std::set<std::string> may_include;
 };
 
@@ -31,37 +32,37 @@ std::string ReadFile(const fs::path& path) {
     return text.str();
 }
 
-/// A name with at most one `*` in it.
-std::regex PatternOf(const std::string& glob) {
-    const std::string literal = std::regex_replace(glob, std::regex("[.]"), "[.]");
-    return std::regex(std::regex_replace(literal, std::regex("[*]"), ".*"));
-}
-
-std::vector<std::string> MatchesOf(const std::string& text, const std::string& pattern) {
-    const std::regex expression(pattern);
-    std::vector<std::string> matches;
-    for (std::sregex_iterator match(text.begin(), text.end(), expression), end; match != end; ++match) {
-        matches.push_back((*match)[1]);
+std::vector<std::string> SplitAt(char separator, const std::string& text) {
+    std::istringstream rest(text);
+    std::vector<std::string> parts;
+    for (std::string part; std::getline(rest, part, separator);) {
+        parts.push_back(part);
     }
-    return matches;
+    return parts;
 }
 
+std::vector<std::string> WordsOf(const std::string& text) {
+    std::istringstream words(text);
+    return {std::istream_iterator<std::string>(words), {}};
+}
+
+/// The rows that name files: `| room | `files` | may include |`.
 std::vector<Room> ReadRooms() {
     std::istringstream page(ReadFile(source_root / "docs/architecture.md"));
-    const std::regex row(R"(\| (\w+) \| (`Tarn\w+/[^|]*`) \|([^|]*)\|)");
     std::vector<Room> rooms;
-    std::smatch match;
     for (std::string line; std::getline(page, line);) {
-        if (std::regex_match(line, match, row)) {
-            Room room{match[1], {}, {}};
-            for (const std::string& glob : MatchesOf(match[2], "`([^`]+)`")) {
-                room.files.push_back(PatternOf(glob));
-            }
-            for (const std::string& other : MatchesOf(match[3], R"((\w+))")) {
-                room.may_include.insert(other);
-            }
-            rooms.push_back(room);
+        const std::vector<std::string> cells = SplitAt('|', line);
+        if (cells.size() < 4 || cells[2].rfind(" `Tarn", 0) != 0) {
+            continue;
         }
+        Room room{WordsOf(cells[1]).at(0), {}, {}};
+        for (const std::string& file : WordsOf(cells[2])) {
+            room.files.push_back(file.substr(1, file.size() - 2));
+        }
+        for (const std::string& other : WordsOf(cells[3])) {
+            room.may_include.insert(other);
+        }
+        rooms.push_back(room);
     }
     return rooms;
 }
@@ -79,8 +80,8 @@ std::vector<fs::path> SourcesBelow(const fs::path& folder) {
 std::vector<std::string> RoomsOf(const std::vector<Room>& rooms, const std::string& file) {
     std::vector<std::string> found;
     for (const Room& room : rooms) {
-        for (const std::regex& pattern : room.files) {
-            if (std::regex_match(file, pattern)) {
+        for (const std::string& pattern : room.files) {
+            if (fnmatch(pattern.c_str(), file.c_str(), FNM_PATHNAME) == 0) {
                 found.push_back(room.name);
             }
         }
@@ -90,7 +91,18 @@ std::vector<std::string> RoomsOf(const std::vector<Room>& rooms, const std::stri
 
 /// Every `#include` of one of our own headers, as it is written.
 std::vector<std::string> OwnIncludes(const fs::path& source) {
-    return MatchesOf(ReadFile(source), R"(#include\s*[<"]((?:TarnSocketIO|TarnRuntime)/[^>"]+)[>"])");
+    std::vector<std::string> headers;
+    for (const std::string& line : SplitAt('\n', ReadFile(source))) {
+        const std::size_t begin = line.find_first_of("<\"") + 1;
+        const std::size_t end = line.find_first_of(">\"", begin);
+        if (line.rfind("#include", 0) == 0 && begin != 0 && end != std::string::npos) {
+            const std::string header = line.substr(begin, end - begin);
+            if (header.rfind("Tarn", 0) == 0) {
+                headers.push_back(header);
+            }
+        }
+    }
+    return headers;
 }
 
 TEST(Architecture, EveryFileHasExactlyOneRoom) {
