@@ -25,7 +25,9 @@ expect() { # expect WHAT EXPECTED ACTUAL
 
 # Starts the program under test in the background: start COMMAND...
 start() {
-    "$@" >"$work/out" 2>&1 &
+    # Emptied here and not by the background process, which may begin after somebody has looked.
+    : >"$work/out"
+    "$@" >>"$work/out" 2>&1 &
     program_pid=$!
 }
 
