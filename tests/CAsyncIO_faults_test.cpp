@@ -1,3 +1,5 @@
+// What the stream server does when the system or the memory fails it, to order and for real.
+
 // What a server does when calls fail: of the kernel, of the allocator, of the name service.
 
 #include <TarnSocketIO/CAsyncIO.h>
@@ -30,7 +32,6 @@
 #include "tests/support/TcpClient.h"
 #include "tests/support/TestServer.h"
 
-using TarnSocketIO::_SOCKET_CONTEXT;
 using TarnSocketIO::CAsyncIO;
 using TarnSocketIO::CONNECTION_DATAGRAM;
 using TarnSocketIO::CONNECTION_STREAM;
@@ -63,6 +64,7 @@ using testing::SizeIs;
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using Context = TarnSocketIO::_SOCKET_CONTEXT;
 using std::chrono::milliseconds;
 
 constexpr milliseconds one_step{3};
@@ -634,14 +636,14 @@ protected:
     /// Accepts a connection and copies what the server keeps of it, out of the block that it is kept in.
     ///
     /// @return false if there is no such block.
-    bool AcceptAndFind(_SOCKET_CONTEXT& context) {
+    bool AcceptAndFind(Context& context) {
         const TcpClient client(m_server.Port());
-        const AllocationWatch contexts(sizeof(_SOCKET_CONTEXT), sizeof(_SOCKET_CONTEXT) + 64);
+        const AllocationWatch contexts(sizeof(Context), sizeof(Context) + 64);
         const int connection = m_server.Accept();
         if (contexts.Block() == nullptr) {
             return false;
         }
-        for (std::size_t at = 0; at + sizeof context <= contexts.Size(); at += alignof(_SOCKET_CONTEXT)) {
+        for (std::size_t at = 0; at + sizeof context <= contexts.Size(); at += alignof(Context)) {
             std::memcpy(&context, contexts.Block() + at, sizeof context);
             if (context.m_PollFd.fd == connection && context.m_PollFd.events == 0x3B) {
                 return true;
@@ -650,7 +652,7 @@ protected:
         return false;
     }
 
-    static std::string NameIn(const _SOCKET_CONTEXT& context) {
+    static std::string NameIn(const Context& context) {
         return {context.m_szHostName, strnlen(context.m_szHostName, sizeof context.m_szHostName)};
     }
 
@@ -659,7 +661,7 @@ protected:
 
 TEST_F(CAsyncIOPeerName, IsKeptWithTheConnection) {
     const ReverseLookup lookup("board-7.example.net", 64);
-    _SOCKET_CONTEXT context{};
+    Context context{};
     ASSERT_TRUE(AcceptAndFind(context));
     EXPECT_EQ("board-7.example.net", NameIn(context));
     EXPECT_EQ(1, lookup.Asked());
@@ -667,7 +669,7 @@ TEST_F(CAsyncIOPeerName, IsKeptWithTheConnection) {
 
 TEST_F(CAsyncIOPeerName, IsEmptyWhenThereIsNone) {
     const ReverseLookup lookup("", 0);
-    _SOCKET_CONTEXT context{};
+    Context context{};
     ASSERT_TRUE(AcceptAndFind(context));
     EXPECT_EQ("", NameIn(context));
     EXPECT_EQ(1, lookup.Asked());
@@ -678,7 +680,7 @@ TEST_F(CAsyncIOPeerName, IsCutToTheFieldAndTerminated) {
         SCOPED_TRACE(length);
         const std::string name = std::string(length - 1, 'a') + 'z';
         const ReverseLookup lookup(name, length + 1);
-        _SOCKET_CONTEXT context{};
+        Context context{};
         ASSERT_TRUE(AcceptAndFind(context));
         EXPECT_EQ(name.substr(0, 511), NameIn(context));
     }
@@ -686,7 +688,7 @@ TEST_F(CAsyncIOPeerName, IsCutToTheFieldAndTerminated) {
 
 TEST_F(CAsyncIOPeerName, IsAskedForAgainWithMoreRoom) {
     const ReverseLookup lookup("roomy.example.net", 10000);
-    _SOCKET_CONTEXT context{};
+    Context context{};
     ASSERT_TRUE(AcceptAndFind(context));
     EXPECT_EQ("roomy.example.net", NameIn(context));
     EXPECT_GT(lookup.Asked(), 1);
@@ -694,7 +696,7 @@ TEST_F(CAsyncIOPeerName, IsAskedForAgainWithMoreRoom) {
 
 TEST_F(CAsyncIOPeerName, IsGivenUpWhenNoRoomIsEnough) {
     const ReverseLookup lookup("greedy.example.net", std::numeric_limits<std::size_t>::max());
-    _SOCKET_CONTEXT context{};
+    Context context{};
     ASSERT_TRUE(AcceptAndFind(context));
     EXPECT_EQ("", NameIn(context));
     EXPECT_LT(lookup.Asked(), 100);

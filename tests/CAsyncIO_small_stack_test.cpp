@@ -1,3 +1,5 @@
+// The receiving thread needs little stack: 128 KiB are enough for the largest read with the log on.
+
 #include <TarnSocketIO/CAsyncIO.h>
 #include <TarnSocketIO/CUtility.h>
 
@@ -45,7 +47,7 @@ using testing::HasSubstr;
 namespace {
 
 constexpr std::size_t one_read = 131070;
-constexpr std::size_t small_stack = 128 * 1024;
+constexpr std::size_t small_stack = 131072;
 
 class ThreadAttributes {
 public:
@@ -97,7 +99,7 @@ public:
     }
 
 private:
-    static constexpr std::size_t size = 1024 * 1024;
+    static constexpr std::size_t size = 1048576;
     static constexpr unsigned char pattern = 0xA5;
     void* const m_memory;
 };
@@ -105,7 +107,7 @@ private:
 /// A server with one connection, whose kernel buffer holds more than one read.
 class ServedClient {
 public:
-    ServedClient() : server(), client(Listen(server)), connection(server.Accept()) {
+    ServedClient() : client(Listen(server)), connection(server.Accept()) {
         server.on_received = [this](int socket, char*, long) { server.Send(socket, "answer", 6); };
     }
 
@@ -126,7 +128,7 @@ public:
 private:
     static std::uint16_t Listen(TestServer& server) {
         server.Initialise(0, nullptr);
-        const int size = 1024 * 1024;
+        const int size = 1048576;
         setsockopt(server.GetListenerSocket(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
         return server.Port();
     }

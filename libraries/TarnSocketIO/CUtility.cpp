@@ -239,6 +239,8 @@ void CUtility::Debug(const char* fmt, ...) {
     va_end(args);
 }
 
+// The tags come by value because the interface says so.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 void CUtility::DebugLocal(std::string subsystem, std::string filter, const char* fmt, ...) {
     const Tags tags{subsystem, filter};
     va_list args;
@@ -260,6 +262,7 @@ void CUtility::ConditionalDebug(const std::string& text, bool ok) {
     WriteOutcomeLocked(nullptr, text, ok);
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 void CUtility::ConditionalDebugLocal(std::string subsystem, std::string filter, const std::string& text, bool ok) {
     if (m_nLogDest <= 0) {
         return;
