@@ -10,8 +10,8 @@ namespace TarnTest {
 /// How many descriptors the process has open.
 std::size_t CountOpenDescriptors();
 
-/// How many threads the process has. One that was joined may still be counted for a moment; the helper that some
-/// runtimes start beside a program's first thread always is.
+/// How many threads the process has. One that was joined may still be counted for a moment (the emulator ends it only
+/// afterwards); the helper that the thread sanitizer starts beside a program's first thread always is.
 std::size_t CountThreads();
 
 /// Whether the number is an open descriptor of the process.
