@@ -139,7 +139,7 @@ int CAsyncIO::OpenListener() {
 bool CAsyncIO::PrepareListener(int fd) const {
     if (!detail::SetLinger(fd, linger_seconds)) {
         CUtility::Debug("CAsyncIO::CreateListenerSocket() - setsockopt failed");
-        ::shutdown(fd, SHUT_RDWR);
+        detail::ShutDown(fd);
         return false;
     }
     const bool bound = detail::BindToPort(fd, m_nListenerPort);
@@ -154,7 +154,7 @@ bool CAsyncIO::PrepareListener(int fd) const {
         CUtility::Debug("CAsyncIO::CreateListenerSocket - failed to bind socket");
         return false;
     }
-    if (::listen(fd, listen_backlog) != 0) {
+    if (!detail::Listen(fd, listen_backlog)) {
         CUtility::Debug("CAsyncIO::CreateListenerSocket - listen failed");
         return false;
     }
@@ -236,7 +236,7 @@ void CAsyncIO::PollConnections() {
     if (poller.count == 0) {
         return;
     }
-    int ready = ::poll(poller.set.data(), poller.count, poll_timeout_ms);
+    int ready = detail::WaitForEvents(poller.set.data(), poller.count, poll_timeout_ms);
     for (std::size_t i = 0; ready > 0 && i < poller.count; ++i) {
         if (poller.set[i].revents != 0) {
             --ready;
@@ -293,7 +293,7 @@ void CAsyncIO::PollListener() {
         return;
     }
     pollfd ready{listener->Get(), detail::READ_EVENTS, 0};
-    if (::poll(&ready, 1, poll_timeout_ms) <= 0) {
+    if (detail::WaitForEvents(&ready, 1, poll_timeout_ms) <= 0) {
         return;
     }
     long length = 0;
@@ -389,12 +389,12 @@ void CAsyncIO::StopListener() {
         if (m_pListener == nullptr) {
             return;
         }
-        // Wakes whoever waits in accept or poll on it, which close alone does not.
-        ::shutdown(m_pListener->Get(), SHUT_RDWR);
+        detail::ShutDown(m_pListener->Get());
         users = m_pListener;
         m_pListener.reset();
     }
-    // They leave at once; the bound is for one that the scheduler has forgotten. The last one closes.
+    // Those who wait on it are awake now and leave; the bound is for one that the scheduler has forgotten. The last one
+    // closes.
     for (int step = 0; step < 300 && !users.expired(); ++step) {
         detail::PauseOneStep();
     }

@@ -40,6 +40,18 @@ bool JoinMulticastGroup(int fd, const char* group) {
     return ::setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == 0;
 }
 
+bool Listen(int fd, int backlog) {
+    return ::listen(fd, backlog) == 0;
+}
+
+void ShutDown(int fd) {
+    ::shutdown(fd, SHUT_RDWR);
+}
+
+int WaitForEvents(pollfd* records, std::size_t count, int timeout_ms) {
+    return ::poll(records, static_cast<nfds_t>(count), timeout_ms);
+}
+
 int Accept(int fd, sockaddr_in& peer) {
     peer = sockaddr_in{};
     socklen_t length = sizeof peer;
@@ -55,8 +67,9 @@ long SendNow(int fd, const char* data, std::size_t length) {
 }
 
 void PauseOneStep() {
-    const timespec step{0, 3'000'000};
-    ::nanosleep(&step, nullptr);
+    timespec rest{0, 3'000'000};
+    while (::nanosleep(&rest, &rest) == -1 && errno == EINTR) {
+    }
 }
 
 }  // namespace TarnSocketIO::detail

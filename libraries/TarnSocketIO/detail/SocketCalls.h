@@ -23,6 +23,14 @@ bool BindToPort(int fd, unsigned int port);
 /// IP_ADD_MEMBERSHIP on the interface that the routing table names. @param group  dotted quad.
 bool JoinMulticastGroup(int fd, const char* group);
 
+bool Listen(int fd, int backlog);
+
+/// Ends both directions. Wakes whoever waits in accept or poll on the socket, which close alone does not.
+void ShutDown(int fd);
+
+/// Waits until one of the records has an event. @return how many have; 0 when the time is over.
+int WaitForEvents(pollfd* records, std::size_t count, int timeout_ms);
+
 /// Waits for a connection. The new descriptor is not inherited by programs started by this one.
 int Accept(int fd, sockaddr_in& peer);
 
@@ -32,7 +40,7 @@ long Receive(int fd, char* buffer, std::size_t size);
 /// One send that never waits and raises no SIGPIPE when the peer is gone.
 long SendNow(int fd, const char* data, std::size_t length);
 
-/// Sleeps for the library's step of 3 ms, or less if a signal comes.
+/// Sleeps for the library's step of 3 ms, whatever signals come.
 void PauseOneStep();
 
 }  // namespace TarnSocketIO::detail
