@@ -44,6 +44,7 @@ using TarnTest::Connection;
 using TarnTest::CountOpenDescriptors;
 using TarnTest::CountThreads;
 using TarnTest::cut_short;
+using TarnTest::DurationOf;
 using TarnTest::Eventually;
 using TarnTest::FindUnusedPort;
 using TarnTest::IsOpen;
@@ -215,6 +216,12 @@ TEST(CAsyncIO, AcceptorAfterStopListenerReportsABadSocket) {
     const LogCapture log;
     EXPECT_FALSE(server.MultiConnectionAcceptor());
     EXPECT_THAT(log.Messages(), ElementsAre(accept_failed_line));
+}
+
+TEST(CAsyncIO, AcceptorAfterStopListenerPausesOneStep) {
+    ListeningServer server;
+    server.StopListener();
+    EXPECT_GE(DurationOf([&] { server.MultiConnectionAcceptor(); }), milliseconds(3));
 }
 
 TEST(CAsyncIO, StopListenerClosesTheListenerAndForgetsIt) {

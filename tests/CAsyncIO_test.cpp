@@ -20,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/Duration.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Resources.h"
 #include "tests/support/ServerLog.h"
@@ -39,6 +40,7 @@ using TarnTest::accepted_line;
 using TarnTest::bind_failed_line;
 using TarnTest::Connection;
 using TarnTest::CountOpenDescriptors;
+using TarnTest::DurationOf;
 using TarnTest::FindUnusedPort;
 using TarnTest::join_failed_line;
 using TarnTest::ListeningServer;
@@ -123,6 +125,12 @@ TEST(CAsyncIO, UninitialisedServerAcceptsNothingAndLogsNothing) {
     TestServer server;
     EXPECT_FALSE(server.MultiConnectionAcceptor());
     EXPECT_THAT(log.Messages(), IsEmpty());
+}
+
+// A loop around the acceptor used to take a whole processor when the port was in use.
+TEST(CAsyncIO, UninitialisedAcceptorPausesOneStep) {
+    TestServer server;
+    EXPECT_GE(DurationOf([&] { server.MultiConnectionAcceptor(); }), milliseconds(3));
 }
 
 TEST(CAsyncIO, UninitialisedServerSendsNothingAndLogsNothing) {

@@ -39,6 +39,7 @@ using TarnTest::Connection;
 using TarnTest::CountOpenDescriptors;
 using TarnTest::CountThreads;
 using TarnTest::cut_short;
+using TarnTest::DurationOf;
 using TarnTest::Eventually;
 using TarnTest::IsReadable;
 using TarnTest::ListeningServer;
@@ -252,6 +253,24 @@ TEST(CAsyncIO, NothingReceivedIsLostToSignals) {
     EXPECT_TRUE(passes.Result());
     EXPECT_TRUE(sent == server.ReceivedFrom(connection.socket)) << "not the bytes that were sent";
     EXPECT_THAT(server.Terminated(), IsEmpty());
+}
+
+TEST(CAsyncIO, StepOfTheAcceptorLastsItsTimeWhateverSignalsCome) {
+    const InterruptingSignal signal;
+    TestServer uninitialised;
+    BackgroundCall steps([&] {
+        bool long_enough = true;
+        for (int i = 0; i < 20; ++i) {
+            long_enough =
+                long_enough && DurationOf([&] { uninitialised.MultiConnectionAcceptor(); }) >= milliseconds(3);
+        }
+        return long_enough;
+    });
+    while (!steps.HasEnded()) {
+        steps.Interrupt();
+        std::this_thread::sleep_for(std::chrono::microseconds(500));
+    }
+    EXPECT_TRUE(steps.Result());
 }
 
 // ---- many clients
