@@ -29,6 +29,14 @@ namespace {
 using TarnSocketIO::CAsyncIO;
 using TarnSocketIO::CUtility;
 
+/// Closes a connection. By default that waits a second for a client that does not read, and on the polling thread all
+/// others would wait with it; what is on its way is delivered all the same.
+void CloseAtOnce(int socket) {
+    const linger no_wait{0, 0};
+    setsockopt(socket, SOL_SOCKET, SO_LINGER, &no_wait, sizeof no_wait);
+    close(socket);
+}
+
 class CapitalsServer : public CAsyncIO {
 public:
     CapitalsServer() : CAsyncIO(TarnSocketIO::CONNECTION_STREAM) {}
@@ -36,7 +44,7 @@ public:
     // The threads are gone by now; what is still connected is ours to close.
     ~CapitalsServer() override {
         for (const int socket : m_open) {
-            close(socket);
+            CloseAtOnce(socket);
         }
     }
 
@@ -56,12 +64,9 @@ public:
     }
 
 private:
-    // On the accepting thread. A client that was quick may have been terminated before this is called.
+    // On the accepting thread. A client that was quick may have been terminated before this is called: then the number
+    // is not ours any more.
     void OnConnected(int socket) override {
-        // By default closing waits a second for a client that does not read, and here everybody would wait with it.
-        const linger no_wait{0, 0};
-        setsockopt(socket, SOL_SOCKET, SO_LINGER, &no_wait, sizeof no_wait);
-
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (m_ended_early.erase(socket) == 0) {
             m_open.insert(socket);
@@ -82,7 +87,7 @@ private:
                 m_ended_early.insert(socket);
             }
         }
-        close(socket);
+        CloseAtOnce(socket);
     }
 
     // CAsyncIO::Send is for messages that surely fit into the socket's buffer. These may be larger, so it matters how

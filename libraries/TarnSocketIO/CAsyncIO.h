@@ -45,7 +45,7 @@ struct _SOCKET_CONTEXT {
 ///
 /// **Closing waits.** Connections inherit SO_LINGER with 1 second, so close(2) waits up to that long for a peer that
 /// does not read, on the receiving thread, with all other connections. A server for clients that it does not trust
-/// switches SO_LINGER off in OnConnected; the kernel still delivers what is on its way.
+/// switches SO_LINGER off before it closes; the kernel still delivers what is on its way.
 ///
 /// **The 21st connection** waits in the kernel's backlog until one of the 20 ends. There is no idle timeout: a peer
 /// that sends nothing keeps its place.
@@ -126,7 +126,8 @@ protected:
     /// A connection was accepted and can be sent to.
     ///
     /// It is polled already: where the receiving thread is quicker, OnReceivedData and even OnTerminated of the
-    /// connection come before this one. No other connection gets the number before this returns.
+    /// connection come before this one, and then the number is the application's no more. No other connection gets it
+    /// before this returns.
     virtual void OnConnected(int socket) = 0;
 
     /// The peer has ended the connection, or it broke. Called once for each. Close `socket` here. Exceptions are

@@ -10,6 +10,9 @@ start_server() {
 }
 
 logged() { grep -c -- "- $1\$" "$work/out" || true; }
+readonly accepted='CAsyncIO::MultiConnectionAcceptor - new connection'
+readonly removed='CAsyncIO::MultiConnectionPoller - removing socket context'
+all_have_ended() { [ "$(logged "$accepted")" = "$(logged "$removed")" ]; }
 logged_times() { [ "$(logged "$1")" = "$2" ]; }
 
 # bash sets background processes of a script to ignore SIGINT, so a server that ends on it has asked for it.
@@ -23,8 +26,8 @@ wait "${pids[@]}"
 for number in 1 2 3 4 5; do
     expect "answer $number" "CLIENT $number" "$(cat "$work/answer$number")"
 done
-eventually logged_times 'CAsyncIO::MultiConnectionPoller - removing socket context' 5
-expect "connections in the log" 5 "$(logged 'CAsyncIO::MultiConnectionAcceptor - new connection')"
+eventually logged_times "$removed" 5
+expect "connections in the log" 5 "$(logged "$accepted")"
 
 # Clients that send and never read keep nobody waiting, not even the end.
 for number in 1 2 3 4 5; do
@@ -32,11 +35,30 @@ for number in 1 2 3 4 5; do
 done
 expect "answer among clients that do not read" "STILL HERE" "$(ask "$port" "still here")"
 eventually grep -q 'does not read its answers' "$work/out"
+
+# Nor do clients that leave answers unread at their end, although closing would wait a second for each of them: they
+# write what they receive into a pipe that nobody empties.
+eventually all_have_ended
+before=$(logged "$accepted")
+mkfifo "$work/full"
+exec 4<>"$work/full"
+head -c 1500000 /dev/zero >"$work/zeros"
+pids=()
+for number in 1 2 3 4 5 6 7 8; do
+    nc -N 127.0.0.1 "$port" <"$work/zeros" >"$work/full" &
+    pids+=($!)
+done
+started=$SECONDS
+eventually logged_times "$accepted" $((before + 8))
+eventually all_have_ended
 end_with TERM 0
+[ $((SECONDS - started)) -lt 6 ] || fail "unread answers held the server for $((SECONDS - started)) seconds"
+exec 4>&-
+kill "${pids[@]}" 2>/dev/null || true
 
 start_server "$@"
 exec 3<>"/dev/tcp/127.0.0.1/$port"
-eventually logged_times 'CAsyncIO::MultiConnectionAcceptor - new connection' 1
+eventually logged_times "$accepted" 1
 end_with INT 0
 expect "rest of a connection that the server closed" "" "$(cat <&3)"
 exec 3>&-

@@ -50,11 +50,7 @@ public:
     }
 
 private:
-    void OnConnected(int socket) override {
-        // By default closing waits a second for a client that does not read, and everybody would wait with it.
-        const linger no_wait{0, 0};
-        setsockopt(socket, SOL_SOCKET, SO_LINGER, &no_wait, sizeof no_wait);
-    }
+    void OnConnected(int) override {}
 
     // A client that sends without reading is thrown out, rather than given less than it has sent.
     void OnReceivedData(int socket, char* data, long length) override {
@@ -64,7 +60,12 @@ private:
         }
     }
 
-    void OnTerminated(int socket) override { close(socket); }
+    void OnTerminated(int socket) override {
+        // By default closing waits a second for a client that does not read, and everybody would wait with it.
+        const linger no_wait{0, 0};
+        setsockopt(socket, SOL_SOCKET, SO_LINGER, &no_wait, sizeof no_wait);
+        close(socket);
+    }
 };
 
 bool ParsePort(std::string_view text, std::uint16_t& port) {
