@@ -2,9 +2,16 @@
 
 /// Everything the library declares.
 
+#include <TarnSocketIO/Asserter.h>
 #include <TarnSocketIO/CAsyncIO.h>
+#include <TarnSocketIO/CIPString.h>
+#include <TarnSocketIO/CMacAddress.h>
 #include <TarnSocketIO/CMutex.h>
 #include <TarnSocketIO/CStaticMutex.h>
 #include <TarnSocketIO/CUtility.h>
 #include <TarnSocketIO/ConnectionType.h>
+#include <TarnSocketIO/Endian.h>
+#include <TarnSocketIO/IPv4/IPAddress.h>
+#include <TarnSocketIO/SockAddr.h>
 #include <TarnSocketIO/Version.h>
+#include <TarnSocketIO/eth/MACAddress.h>
