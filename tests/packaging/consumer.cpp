@@ -31,6 +31,9 @@ int main() {
     CMutex mutex(CMutex::enNormal);
     const CScopedLocker<CMutex> lock(mutex);
 
+    const IPv4::IPAddress address("192.168.1.20");
+    SOCKETIO_ASSERT(address == IPv4::IPAddress(192, 168, 1, 20))(address);
+
     Listener listener;
     const bool opened = listener.Initialise(0, nullptr) && listener.IsOpen();
     listener.StopListener();
