@@ -3,10 +3,10 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
-#include <string>
 
 #include <TarnSocketIO/CUtility.h>
 
+#include <benchmarks/support/CallLoop.h>
 #include <benchmarks/support/CountedNew.h>
 #include <benchmarks/support/PairedRatio.h>
 #include <benchmarks/support/PlainLog.h>
@@ -14,11 +14,13 @@
 
 namespace {
 
-using TarnBenchmark::Allocations;
-using TarnBenchmark::Figure;
+using TarnBenchmark::AllocationsOf;
+using TarnBenchmark::AreAllocationsCounted;
+using TarnBenchmark::Compare;
+using TarnBenchmark::Nanoseconds;
 using TarnBenchmark::PairedRatio;
 using TarnBenchmark::Plan;
-using TarnBenchmark::SecondsOf;
+using TarnBenchmark::Slice;
 using TarnBenchmark::TargetTable;
 using TarnSocketIO::CUtility;
 
@@ -29,43 +31,6 @@ enum Destination { Off = 0, Memory = 3 };
 
 TargetTable table;
 
-/// Calls `log(n)` for the numbers of a slice. @return its seconds.
-template <class Log>
-double Slice(int calls, Log log) {
-    return SecondsOf([&] {
-        for (int i = 0; i < calls; ++i) {
-            log(i);
-            // Each call is made: none may be moved, joined or left out.
-            benchmark::ClobberMemory();
-        }
-    });
-}
-
-/// Measures both logs in turn, and leaves the nanoseconds of a call in `library_ns` and `baseline_ns`.
-template <class Library, class Baseline>
-PairedRatio Compare(benchmark::State& state, int calls, Library library, Baseline baseline) {
-    PairedRatio pairs;
-    for (auto _ : state) {
-        const double seconds =
-            pairs.MeasurePair([&] { return Slice(calls, library); }, [&] { return Slice(calls, baseline); });
-        state.SetIterationTime(seconds / calls);
-    }
-    state.counters["library_ns"] = pairs.LibrarySeconds() / calls * 1e9;
-    state.counters["baseline_ns"] = pairs.BaselineSeconds() / calls * 1e9;
-    return pairs;
-}
-
-std::string Nanoseconds(const benchmark::State& state, const char* counter) {
-    return Figure(state.counters.at(counter), 1, "ns");
-}
-
-bool AreAllocationsCounted() {
-    const long before = Allocations();
-    std::string longer_than_a_string_holds_itself(100, 'x');
-    benchmark::DoNotOptimize(longer_than_a_string_holds_itself.data());
-    return Allocations() > before;
-}
-
 void SwitchedOff(benchmark::State& state) {
     if (!AreAllocationsCounted()) {
         table.Fail(state, "allocations are not counted");
@@ -75,9 +40,7 @@ void SwitchedOff(benchmark::State& state) {
     const auto library = [](int i) { CUtility::Debug("x=%d y=%s", i, "text"); };
     Compare(state, calls_off, library, [](int i) { TarnBenchmark::LogNothing("x=%d y=%s", i, "text"); });
 
-    const long before = Allocations();
-    Slice(calls_off, library);
-    const long allocated = Allocations() - before;
+    const long allocated = AllocationsOf([&] { Slice(calls_off, library); });
     state.counters["allocations"] = static_cast<double>(allocated);
     state.counters["target"] = 5;
     table.AddLimit("log call, log off (beside: empty call)", state.counters["library_ns"], "ns",

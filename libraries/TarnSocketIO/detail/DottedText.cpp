@@ -1,6 +1,5 @@
 #include <TarnSocketIO/detail/DottedText.h>
 
-#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -54,7 +53,12 @@ std::size_t WriteDottedText(char* text, const unsigned char* octets) {
         at += entry.length;
     }
     const Entry& last = table[octets[3]];
-    at = std::copy_n(last.text, last.length - 1, at);
+    // Without a branch, which random octets would mispredict: two characters, the last digit, and the terminator over
+    // whatever stands behind it.
+    const std::size_t digits = last.length - std::size_t{1};
+    std::memcpy(at, last.text, 2);
+    at[digits - 1] = last.text[digits - 1];
+    at += digits;
     *at = '\0';
     return static_cast<std::size_t>(at - text);
 }
