@@ -234,10 +234,12 @@ TEST(SocketIOAssert, IsOneStatementWithoutAValue) {
     static_assert(std::is_void_v<decltype(SOCKETIO_ASSERT(true)(1)(2))>);
     int others = 0;
     for (const bool holds : {true, false}) {
+        // NOLINTBEGIN(readability-braces-around-statements): without them is how it must work, too
         if (holds)
             SOCKETIO_ASSERT(holds)(others);
         else
             ++others;
+        // NOLINTEND(readability-braces-around-statements)
     }
     EXPECT_EQ(1, others);
 }

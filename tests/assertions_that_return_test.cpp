@@ -140,10 +140,12 @@ TEST(AssertionsThatReturn, AssertionIsOneStatement) {
     const ErrorCapture errors;
     bool has_else = false;
     for (const bool in_first_branch : {true, false}) {
+        // NOLINTBEGIN(readability-braces-around-statements): without them is how it must work, too
         if (in_first_branch)
             SOCKETIO_ASSERT(false)(1)(2);
         else
             has_else = true;
+        // NOLINTEND(readability-braces-around-statements)
     }
     EXPECT_TRUE(has_else);
     EXPECT_EQ(1, reporter.Actions());
