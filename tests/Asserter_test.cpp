@@ -313,9 +313,10 @@ TEST(Asserter, WritesTheExtraTextOnlyWhereThereIsOne) {
         const ErrorCapture errors;
         KeepsGoing reporter;
         reporter.ReportWhat("B", "F", "P", 26, "X", "", level);
-        EXPECT_EQ(header, errors.Text());
+        reporter.ReportWhat("B", "F", "P", 26, "X", nullptr, level);
+        EXPECT_EQ(std::string(header) + header, errors.Text());
         reporter.ReportWhat("B", "F", "P", 26, "X", "n", level);
-        EXPECT_EQ(std::string(header) + header + "\n note: n", errors.Text());
+        EXPECT_EQ(std::string(header) + header + header + "\n note: n", errors.Text());
     }
 }
 

@@ -16,7 +16,7 @@
 ///      sizeof(frame): 1514
 ///
 /// They are never compiled out: `NDEBUG` changes nothing. One that holds costs a test of its expression, and nothing is
-/// built. One that fails evaluates its expression a second time: do not assert what has side effects.
+/// built. One that fails evaluates its expression a second time: assert and report nothing that has side effects.
 ///
 /// The header and the end of the process come from the companion runtime: AssertFailStdErrBase::ReportWhat and
 /// AssertFailStdErrAbort::DoAction. A program that defines both itself replaces them; if its DoAction returns,
@@ -32,8 +32,8 @@ public:
     virtual ~AssertFailStdErrBase() = default;
 
     /// Writes the header: banner, expression, function, file and line, each on a line of its own, the last one without
-    /// its end. Comes from the companion runtime; the bundled one adds `extra_text` unless it is empty, and leaves
-    /// `extra_level` out.
+    /// its end. Comes from the companion runtime; the bundled one adds `extra_text` unless it is null or empty, and
+    /// leaves `extra_level` out.
     void ReportWhat(const char* banner, const char* function, const char* file, unsigned int line,
                     const char* expression, const char* extra_text, int extra_level);
 
