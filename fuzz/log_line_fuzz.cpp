@@ -12,8 +12,11 @@
 #include <cstdlib>
 #include <string>
 
+#include "support/Expect.h"
+
 namespace {
 
+using TarnFuzz::Expect;
 using TarnSocketIO::CUtility;
 
 constexpr std::size_t stamp_length = 24;
@@ -53,13 +56,6 @@ std::string OnConsole(const std::string& line) {
         after_percent = c == '%' && !second_of_two;
     }
     return shown + "\n";
-}
-
-void Expect(const std::string& expected, const std::string& actual, const char* where) {
-    if (expected != actual) {
-        std::fprintf(stderr, "%s: \"%s\" instead of \"%s\"\n", where, actual.c_str(), expected.c_str());
-        std::abort();
-    }
 }
 
 }  // namespace
