@@ -10,29 +10,23 @@
 #include <TarnSocketIO/eth/MACAddress.h>
 
 #include <algorithm>
-#include <exception>
+#include <ios>
 #include <iostream>
 #include <set>
+#include <stdexcept>
 #include <string>
 
 namespace {
 
-/// The strict parser throws for everything that is not an address, and says why.
-IPv4::IPAddress ShowAddress(const std::string& text) {
-    const IPv4::IPAddress address(text);
+void ShowAddress(const std::string& text, IPv4::IPAddress address) {
     const TarnSocketIO::CIPString with_text(address);
-
     std::string hexadecimal;
     address.GetPresentation(hexadecimal, std::hex);
     std::cout << "\"" << text << "\" is " << with_text.c_str() << ", in hexadecimal " << hexadecimal << ", as a number "
               << static_cast<unsigned int>(static_cast<int>(with_text)) << "\n";
-    return address;
 }
 
-void ShowHardwareAddress(const std::string& text) {
-    TarnSocketIO::MACAddress address;
-    address.Set(text.c_str());
-
+void ShowHardwareAddress(const std::string& text, const TarnSocketIO::MACAddress& address) {
     // The form with a text of its own, for a record that wants six octets.
     TarnSocketIO::CMacAddress octets;
     std::copy_n(address.OctetForm(), sizeof octets.m_Octets, octets.m_Octets);
@@ -45,15 +39,33 @@ void ShowHardwareAddress(const std::string& text) {
     std::cout.fill(fill);
 }
 
-void Refuse(const std::string& text, const std::exception& reason, bool is_hardware_address) {
-    std::cerr << "addresses: \"" << text << "\" is refused: " << reason.what();
-    if (is_hardware_address) {
-        std::cerr << "; write six numbers, as in 00:1a:2b:3c:4d:5e\n";
-        return;
+/// The strict parser throws for everything that is not an address, and says why. @return false if the text is none.
+bool ReadAddress(const std::string& text, std::set<IPv4::IPAddress>& in_order) {
+    try {
+        const IPv4::IPAddress address(text);
+        ShowAddress(text, address);
+        in_order.insert(address);
+        return true;
+    } catch (const std::runtime_error& reason) {
+        // What an endpoint would make of it: the lenient parser takes whatever it is given.
+        const TarnSocketIO::CIPString lenient(text.c_str());
+        std::cerr << "addresses: \"" << text << "\" is refused: " << reason.what()
+                  << "; write four numbers, as in 192.168.1.20. Read leniently it is " << lenient.c_str() << "\n";
+        return false;
     }
-    // What an endpoint would make of it: this parser takes whatever it is given.
-    const TarnSocketIO::CIPString lenient(text.c_str());
-    std::cerr << "; write four numbers, as in 192.168.1.20. Read leniently it is " << lenient.c_str() << "\n";
+}
+
+bool ReadHardwareAddress(const std::string& text) {
+    try {
+        TarnSocketIO::MACAddress address;
+        address = text.c_str();
+        ShowHardwareAddress(text, address);
+        return true;
+    } catch (const std::runtime_error& reason) {
+        std::cerr << "addresses: \"" << text << "\" is refused: " << reason.what()
+                  << "; write six numbers, as in 00:1a:2b:3c:4d:5e\n";
+        return false;
+    }
 }
 
 }  // namespace
@@ -67,17 +79,9 @@ int main(int argc, char* argv[]) {
     bool all_accepted = true;
     for (int i = 1; i < argc; ++i) {
         const std::string text = argv[i];
-        const bool is_hardware_address = text.find(':') != std::string::npos;
-        try {
-            if (is_hardware_address) {
-                ShowHardwareAddress(text);
-            } else {
-                in_order.insert(ShowAddress(text));
-            }
-        } catch (const std::exception& reason) {
-            Refuse(text, reason, is_hardware_address);
-            all_accepted = false;
-        }
+        const bool has_colon = text.find(':') != std::string::npos;
+        const bool accepted = has_colon ? ReadHardwareAddress(text) : ReadAddress(text, in_order);
+        all_accepted = all_accepted && accepted;
     }
     if (!in_order.empty()) {
         std::cout << "in order:";

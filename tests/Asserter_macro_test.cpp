@@ -51,6 +51,19 @@ void FailAtAStatedLine(int line) {
 
 }  // namespace Application
 
+/// An application with classes of the same names as those that the macro stands for.
+namespace OtherNames {
+
+class Asserter {};
+class AssertFailStdErrAbort {};
+class SocketIOAssertDone {};
+
+void Open(int number) {
+    SOCKETIO_ASSERT_AT(4, number == 3)(number);
+}
+
+}  // namespace OtherNames
+
 namespace {
 
 using IPv4::IPAddress;
@@ -242,6 +255,11 @@ TEST(SocketIOAssert, IsOneStatementWithoutAValue) {
         // NOLINTEND(readability-braces-around-statements)
     }
     EXPECT_EQ(1, others);
+}
+
+TEST(SocketIOAssert, IsNotLedAstrayByNamesOfTheApplication) {
+    OtherNames::Open(3);
+    EXPECT_EXIT(OtherNames::Open(5), KilledBySignal(SIGABRT), EndsSaying("\n line: 4\n number: 5"));
 }
 
 }  // namespace

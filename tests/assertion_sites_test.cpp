@@ -1,9 +1,8 @@
 // The assertions of the library, each broken once. Applications look reports from the field up by these texts and
 // numbers, so they stay as they are however the sources change.
 //
-// Nothing breaks these, as long as the library is right: the check of an address made from four octets (IPAddress.cpp,
-// line 202), that of a socket address whose family has just been tested (line 214), and the checks of layout and octets
-// in MACAddress::Set (MACAddress.cpp, lines 74, 75, 100 and 110).
+// Some of them nothing can break, as long as the library is right; of those the texts and numbers are looked up in the
+// sources.
 
 // This file is compiled with NDEBUG in every build, so that the last test can see what it does not switch off. The
 // library's own sources have it in every build type but Debug: there the tables below show that their sites stay.
@@ -18,6 +17,8 @@
 
 #include <cassert>
 #include <csignal>
+#include <fstream>
+#include <iterator>
 #include <string>
 
 #include "tests/support/ErrorCapture.h"
@@ -130,6 +131,34 @@ TEST(AssertionSites, OfTheCLibraryReportAndAbort) {
     for (const LibcSite& site : libc_sites) {
         SCOPED_TRACE(site.broken_by);
         EXPECT_EXIT(site.fail(), KilledBySignal(SIGABRT), SaysAsTheCLibrary(site.report));
+    }
+}
+
+/// A site that nothing can break.
+struct UnreachableSite {
+    const char* file;
+    int line;
+    const char* expression;
+};
+
+constexpr char mac_address[] = "libraries/TarnSocketIO/eth/MACAddress.cpp";
+
+constexpr UnreachableSite unreachable_sites[] = {
+    {ip_address, 202, "operator struct in_addr() == ip"},
+    {ip_address, 214, "addr_in.sin_family == AF_INET"},
+    {mac_address, 74, "reinterpret_cast<const Octet*>(&m_MACAddress4) == OctetForm()"},
+    {mac_address, 75, "reinterpret_cast<const Octet*>(&m_MACAddress2) == OctetForm()+sizeof(m_MACAddress4)"},
+    {mac_address, 100, "OctetForm()[i] == mac_param[i]"},
+    {mac_address, 110, "OctetForm()[i] == mac_param[6-1-i]"},
+};
+
+TEST(AssertionSites, ThatNothingCanBreakKeepTheirPlaceAndExpression) {
+    for (const UnreachableSite& site : unreachable_sites) {
+        std::ifstream file(std::string(TARN_SOURCE_ROOT "/") + site.file);
+        const std::string source{std::istreambuf_iterator<char>(file), {}};
+        EXPECT_THAT(source, testing::HasSubstr("source_file = \"" + std::string(site.file) + "\""));
+        EXPECT_THAT(source, testing::HasSubstr("ASSERT_IN(source_file, " + std::to_string(site.line) + ", " +
+                                               site.expression + ")"));
     }
 }
 

@@ -68,7 +68,6 @@ public:
                              extra_level);
         }
     }
-    ~Asserter() = default;
     Asserter(const Asserter&) = delete;
     Asserter& operator=(const Asserter&) = delete;
 
@@ -101,7 +100,7 @@ struct SocketIOAssertDone {
 /// Asserts an expression, and reports values if it does not hold: SOCKETIO_ASSERT(expression)(value)(value)...;
 ///
 /// The expression is reported as written; a value under its text after macro expansion, so that `errno` shows as
-/// `(*__errno_location ())`.
+/// `(*__errno_location ())`. An expression with a comma needs parentheses of its own.
 #define SOCKETIO_ASSERT(expression) SOCKETIO_ASSERT_AS(__FILE__, __LINE__, expression, #expression)
 
 /// As SOCKETIO_ASSERT, with a line that stays the same however the file changes: file and line together are what
@@ -113,13 +112,15 @@ struct SocketIOAssertDone {
 #define SOCKETIO_ASSERT_IN(file, line, expression) SOCKETIO_ASSERT_AS(file, line, expression, #expression)
 
 /// @cond internal
-#define SOCKETIO_ASSERT_AS(file, line, expression, text)                                                               \
-    static_cast<bool>(expression)                                                                                      \
-        ? static_cast<void>(0)                                                                                         \
-        : SocketIOAssertDone() & ++Asserter<AssertFailStdErrAbort>("Assertion Failed", text,                           \
-                                                                   static_cast<bool>(expression), __PRETTY_FUNCTION__, \
-                                                                   file, line, "", 3)                                  \
-                                       .SOCKETIO_ASSERT_A
+// NOLINTBEGIN(bugprone-macro-parentheses): values follow, and parentheses around all of it would shut them out
+#define SOCKETIO_ASSERT_AS(file, line, expression, text)                                                         \
+    static_cast<bool>(expression)                                                                                \
+        ? static_cast<void>(0)                                                                                   \
+        : ::SocketIOAssertDone() & ++::Asserter<::AssertFailStdErrAbort>("Assertion Failed", text,               \
+                                                                         static_cast<bool>(expression),          \
+                                                                         __PRETTY_FUNCTION__, file, line, "", 3) \
+                                         .SOCKETIO_ASSERT_A
+// NOLINTEND(bugprone-macro-parentheses)
 #define SOCKETIO_ASSERT_A(value) SOCKETIO_ASSERT_VALUE(value, B)
 #define SOCKETIO_ASSERT_B(value) SOCKETIO_ASSERT_VALUE(value, A)
 #define SOCKETIO_ASSERT_VALUE(value, next) SOCKETIO_ASSERT_A.ReportValue((value), #value).SOCKETIO_ASSERT_##next

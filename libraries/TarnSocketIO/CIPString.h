@@ -15,8 +15,10 @@ struct _RAW_IP {
 /// An IPv4 address with its dotted text: what an endpoint's notifications name their sender with.
 ///
 /// It reads text leniently and never fails; IPv4::IPAddress has the strict parser. The text is made when it is first
-/// asked for and kept inside the object; nothing here allocates. Where a string, `int` and IPv4::IPAddress would all
-/// do, say which one is meant: `IPv4::IPAddress address = text;`.
+/// asked for and kept inside the object; no operation allocates.
+///
+/// It stands for so much that the compiler may ask which form is meant. Say it: `ip = text.c_str()` for a std::string,
+/// `address = IPv4::IPAddress(ip)`, `ip.c_str()` in a stream, and IPv4::IPAddress to compare.
 ///
 /// Threads: distinct objects are independent. The text is made by const operations too, so one object must not be read
 /// by two threads at once unless its text has been asked for since the last change.

@@ -2,9 +2,8 @@
 #include <TarnSocketIO/IPv4/IPAddress.h>
 #include <TarnSocketIO/detail/DottedText.h>
 #include <TarnSocketIO/detail/LibcAssert.h>
-#include <TarnSocketIO/detail/NumberText.h>
+#include <TarnSocketIO/detail/NumberFields.h>
 
-#include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <locale>
@@ -19,8 +18,16 @@ namespace {
 constexpr const char* source_file = "libraries/TarnSocketIO/IPv4/IPAddress.cpp";
 
 constexpr int fields = 4;
-constexpr std::size_t shortest_text = 7;
-constexpr std::size_t longest_text = 19;
+constexpr TarnSocketIO::detail::FieldGrammar grammar = {
+    '.',
+    fields,
+    0,   // base: the one that each number's prefix names
+    7,   // characters at least
+    19,  // characters at most
+    "bad ip address string length",
+    "bad ip address string",
+    "bad ip address string",
+};
 
 using Manipulator = std::ios_base& (*)(std::ios_base&);
 
@@ -67,28 +74,13 @@ bool ReadPlainQuad(const char* text, unsigned char (&octets)[fields]) {
 
 /// Reads every form that is accepted, and throws for all others.
 in_addr_t ReadFields(const char* text) {
-    if (std::strcmp(text, "0") == 0) {
-        return 0;
-    }
-    const std::size_t length = ::strnlen(text, longest_text + 1);
-    if (length < shortest_text || length > longest_text) {
-        throw std::runtime_error("bad ip address string length");
-    }
-    if (std::count(text, text + length, '.') != fields - 1) {
-        throw std::runtime_error("bad ip address string");
-    }
     unsigned char octets[fields];
-    for (int i = 0; i < fields; ++i) {
-        const auto [value, end] = TarnSocketIO::detail::ReadNumber(text, 0);
-        if (*end != (i < fields - 1 ? '.' : '\0')) {
-            throw std::runtime_error("bad ip address string");
-        }
+    TarnSocketIO::detail::ReadNumberFields(text, grammar, [&octets](int i, long value) {
         if (value < 0 || value > 255) {
             throw std::range_error("bad ip address string field");
         }
         octets[i] = static_cast<unsigned char>(value);
-        text = end + 1;
-    }
+    });
     return WordOf(octets);
 }
 
@@ -234,13 +226,14 @@ void IPAddress::GetPresentation(std::string& out, Manipulator base) const {
 }
 
 void IPAddress::GetPresentation(char* buf, unsigned int size, Manipulator base) const {
-    // Kept: for octal no size is too small, because the text never needs more than the 16 characters asked of `buf`.
+    // Kept: for octal the size is not looked at. The caller owes 16 characters.
     const bool is_octal = base == &std::oct;
     const unsigned int longest = base == &std::dec ? 15 : 19;
     if (!is_octal && size <= longest) {
         throw std::runtime_error("bad string length");
     }
     if (base == &std::dec) {
+        // Straight into the buffer: a copy would take as long as making the text.
         TarnSocketIO::detail::WriteDottedText(buf, OctetForm());
         return;
     }

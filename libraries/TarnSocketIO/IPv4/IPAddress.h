@@ -18,7 +18,7 @@ namespace IPv4 {
 /// Text is read strictly, by StrToAddress below; TarnSocketIO::CIPString has a parser that never fails.
 ///
 /// Threads: a plain value; distinct objects are independent. Nothing here allocates, except where text goes into a
-/// string or an exception is thrown.
+/// string, is made by a manipulator other than std::dec, std::hex and std::oct, or an exception is thrown.
 class IPAddress {
 public:
     /// 0.0.0.0
@@ -53,7 +53,7 @@ public:
 
     // NOLINTEND(google-explicit-constructor)
 
-    /// Takes a word in network byte order, unchanged.
+    /// Takes a word in network byte order, unchanged. Write a literal zero as `0U`: a plain 0 may be a null text too.
     IPAddress& operator=(unsigned int value) {
         m_Address = value;
         return *this;

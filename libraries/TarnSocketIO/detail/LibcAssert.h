@@ -11,4 +11,4 @@ namespace TarnSocketIO::detail {
 #define TARN_LIBC_ASSERT_IN(file, line, expression) \
     (static_cast<bool>(expression)                  \
          ? static_cast<void>(0)                     \
-         : TarnSocketIO::detail::FailLibcAssertion(#expression, file, line, __PRETTY_FUNCTION__))
+         : ::TarnSocketIO::detail::FailLibcAssertion(#expression, file, line, __PRETTY_FUNCTION__))

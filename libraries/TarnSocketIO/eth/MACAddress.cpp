@@ -1,10 +1,9 @@
 #include <TarnSocketIO/detail/HexByte.h>
 #include <TarnSocketIO/detail/LibcAssert.h>
-#include <TarnSocketIO/detail/NumberText.h>
+#include <TarnSocketIO/detail/NumberFields.h>
 #include <TarnSocketIO/eth/MACAddress.h>
 
 #include <algorithm>
-#include <cstring>
 #include <iomanip>
 #include <iostream>
 #include <locale>
@@ -18,8 +17,16 @@ namespace {
 constexpr const char* source_file = "libraries/TarnSocketIO/eth/MACAddress.cpp";
 
 constexpr int fields = 6;
-constexpr std::size_t shortest_text = 11;
-constexpr std::size_t longest_text = 17;
+constexpr detail::FieldGrammar grammar = {
+    ':',
+    fields,
+    16,  // base
+    11,  // characters at least
+    17,  // characters at most
+    "incorrect length for MAC address string",
+    "bad formatted MAC address string",
+    "bad hex number found in MAC address string",
+};
 
 /// Reads what nearly every text is: six times two digits. @return false for any other text; `octets` is then
 /// unspecified.
@@ -37,29 +44,6 @@ bool ReadPlainText(const char* text, Octet (&octets)[fields]) {
         text += 3;
     }
     return true;
-}
-
-/// Reads every form that is accepted, and throws for all others.
-void ReadFields(const char* text, Octet (&octets)[fields]) {
-    if (std::strcmp(text, "0") == 0) {
-        std::fill_n(octets, fields, Octet{0});
-        return;
-    }
-    const std::size_t length = ::strnlen(text, longest_text + 1);
-    if (length < shortest_text || length > longest_text) {
-        throw std::runtime_error("incorrect length for MAC address string");
-    }
-    if (std::count(text, text + length, ':') != fields - 1) {
-        throw std::runtime_error("bad formatted MAC address string");
-    }
-    for (int i = 0; i < fields; ++i) {
-        const auto [value, end] = detail::ReadNumber(text, 16);
-        if (*end != (i < fields - 1 ? ':' : '\0')) {
-            throw std::runtime_error("bad hex number found in MAC address string");
-        }
-        octets[i] = static_cast<Octet>(value);
-        text = end + 1;
-    }
 }
 
 /// At least `width` digits, as a stream writes a number with that width and the fill character 0.
@@ -134,18 +118,17 @@ void MACAddress::Set(const unsigned char* mac, Endian e) {
 void MACAddress::Set(const char* str) {
     Octet parsed[fields];
     if (str == nullptr) {
-        throw std::runtime_error("incorrect length for MAC address string");
+        throw std::runtime_error(grammar.bad_length);
     }
     if (!ReadPlainText(str, parsed)) {
-        ReadFields(str, parsed);
+        detail::ReadNumberFields(str, grammar, [&](int i, long value) { parsed[i] = static_cast<Octet>(value); });
     }
     std::copy_n(parsed, fields, OctetForm());
 }
 
 std::ostream& MACAddress::debug() const {
-    // Unsigned, so that a negative member shows its own digits and not those of a wider type.
-    return std::cout << "m_MACAddress4: 0x" << std::hex << static_cast<std::uint32_t>(m_MACAddress4)
-                     << ", m_MACAddress2: 0x" << static_cast<std::uint16_t>(m_MACAddress2) << "\n";
+    return std::cout << "m_MACAddress4: 0x" << std::hex << m_MACAddress4 << ", m_MACAddress2: 0x" << m_MACAddress2
+                     << "\n";
 }
 
 std::ostream& operator<<(std::ostream& os, const MACAddress& mac) {

@@ -38,7 +38,8 @@ public:
 
     /// Parses text: "0", or six fields with colons between them, 11 to 17 characters in all. A field is a hexadecimal
     /// number as strtol(3) reads it, of which the low eight bits count: white space, a sign and 0x may stand before it,
-    /// and an empty field is 0.
+    /// and an empty field is 0. As there, a number beyond the range of `long` is the end of that range: a field of nine
+    /// digits or more can mean another octet where `long` has four bytes.
     ///
     /// @throws std::runtime_error "incorrect length for MAC address string" (also if `str` is null), "bad formatted MAC
     ///         address string" or "bad hex number found in MAC address string". The address is then as it was.
