@@ -8,12 +8,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <random>
 #include <string>
+
+#include "tests/support/Random.h"
 
 namespace {
 
 using TarnSocketIO::CIPString;
+using TarnTest::Random;
 using RawIP = TarnSocketIO::_RAW_IP;
 
 using Octets = std::array<unsigned char, 4>;
@@ -62,34 +64,6 @@ Octets Parsed(Octets octets, const char* s) {
     return octets;
 }
 
-class RandomText {
-public:
-    explicit RandomText(unsigned int seed) : m_random(seed) {}
-
-    unsigned int Below(unsigned int end) { return static_cast<unsigned int>(m_random() % end); }
-
-    Octets AnyOctets() {
-        Octets octets;
-        for (unsigned char& octet : octets) {
-            octet = static_cast<unsigned char>(Below(256));
-        }
-        return octets;
-    }
-
-    /// @param alphabet  empty: every byte but NUL.
-    std::string Text(const std::string& alphabet, unsigned int longest) {
-        std::string text(Below(longest + 1), '\0');
-        for (char& c : text) {
-            c = alphabet.empty() ? static_cast<char>(1 + Below(255))
-                                 : alphabet[Below(static_cast<unsigned int>(alphabet.size()))];
-        }
-        return text;
-    }
-
-private:
-    std::mt19937 m_random;
-};
-
 void ExpectAsDescribed(const std::string& text, const Octets& before) {
     const Octets onto = Parsed(before, text.c_str());
     CIPString parsed(Raw(before));
@@ -114,10 +88,10 @@ TEST(CIPStringProperty, RandomTextIsParsedAsDescribed) {
         "abcdefghijklmnopqrstuvwxyz.0123456789",
         "",
     };
-    RandomText random(20261);
+    Random random(20261);
     for (const std::string& alphabet : alphabets) {
         for (int i = 0; i < 5000; ++i) {
-            ExpectAsDescribed(random.Text(alphabet, 24), random.AnyOctets());
+            ExpectAsDescribed(random.Text(alphabet, 0, 24), random.Octets<4>());
             if (HasFatalFailure()) {
                 return;
             }
@@ -128,7 +102,7 @@ TEST(CIPStringProperty, RandomTextIsParsedAsDescribed) {
 // Every text of up to six characters of these five: each way in which a field can begin, end and be cut.
 TEST(CIPStringProperty, EveryShortTextIsParsedAsDescribed) {
     const std::string alphabet = "29.- ";
-    RandomText random(20262);
+    Random random(20262);
     std::size_t texts = 1;
     for (std::size_t length = 0; length <= 6; ++length, texts *= alphabet.size()) {
         for (std::size_t number = 0; number < texts; ++number) {
@@ -138,7 +112,7 @@ TEST(CIPStringProperty, EveryShortTextIsParsedAsDescribed) {
                 c = alphabet[rest % alphabet.size()];
                 rest /= alphabet.size();
             }
-            ExpectAsDescribed(text, random.AnyOctets());
+            ExpectAsDescribed(text, random.Octets<4>());
             if (HasFatalFailure()) {
                 return;
             }
@@ -210,7 +184,7 @@ TEST(CIPStringProperty, EveryOctetIsHeldInEveryPlace) {
 
 // The text of an object shows what it was when it was last made, whatever happened to the octets since.
 TEST(CIPStringProperty, TextFollowsTheOctetsThroughRandomChanges) {
-    RandomText random(20263);
+    Random random(20263);
     CIPString ip;
     const char* const text = ip.c_str();
     Octets octets = {};
@@ -218,8 +192,8 @@ TEST(CIPStringProperty, TextFollowsTheOctetsThroughRandomChanges) {
     bool is_current = true;
     for (int i = 0; i < 20000; ++i) {
         const unsigned int step = random.Below(8);
-        const Octets next = random.AnyOctets();
-        const std::string parsed = random.Text("0123456789.-", 16);
+        const Octets next = random.Octets<4>();
+        const std::string parsed = random.Text("0123456789.-", 0, 16);
         const CIPString& itself = ip;
         switch (step) {
             case 0:

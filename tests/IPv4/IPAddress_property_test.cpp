@@ -12,7 +12,6 @@
 #include <ios>
 #include <iterator>
 #include <map>
-#include <random>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -21,10 +20,13 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/Random.h"
+
 namespace {
 
 using IPv4::IPAddress;
 using IPv4::StrToAddress;
+using TarnTest::Random;
 using Octets = std::array<unsigned char, 4>;
 using Manipulator = std::ios_base& (*)(std::ios_base&);
 
@@ -55,28 +57,13 @@ IPAddress AddressOf(const Octets& octets) {
     return {octets.data(), BigEndian};
 }
 
-/// Gives the same numbers in each run and on each machine.
-std::mt19937 SeededWith(std::uint32_t seed) {
-    return std::mt19937(seed);
-}
-
-unsigned int Below(unsigned int end, std::mt19937& random) {
-    return static_cast<unsigned int>(random() % end);
-}
-
-Octets RandomOctets(std::mt19937& random) {
-    Octets octets{};
-    std::generate(octets.begin(), octets.end(), [&] { return static_cast<unsigned char>(Below(256, random)); });
-    return octets;
-}
-
 /// Every value in every place, each pair of interesting values in each pair of places, and some at random.
 std::vector<Octets> ManyOctets() {
-    std::mt19937 random = SeededWith(20240501);
+    Random random(20240501);
     std::vector<Octets> all;
     for (unsigned int value = 0; value < 256; ++value) {
         for (std::size_t place = 0; place < 4; ++place) {
-            all.push_back(RandomOctets(random));
+            all.push_back(random.Octets<4>());
             all.back().at(place) = static_cast<unsigned char>(value);
         }
     }
@@ -84,14 +71,14 @@ std::vector<Octets> ManyOctets() {
         for (std::size_t other = 0; other < place; ++other) {
             for (const unsigned char value : interesting) {
                 for (const unsigned char beside : interesting) {
-                    all.push_back(RandomOctets(random));
+                    all.push_back(random.Octets<4>());
                     all.back().at(place) = value;
                     all.back().at(other) = beside;
                 }
             }
         }
     }
-    std::generate_n(std::back_inserter(all), 1000, [&] { return RandomOctets(random); });
+    std::generate_n(std::back_inserter(all), 1000, [&] { return random.Octets<4>(); });
     return all;
 }
 
@@ -117,12 +104,12 @@ TEST(IPAddressProperty, EveryTextOfInterestingOctetsParsesBack) {
 }
 
 TEST(IPAddressProperty, EachFieldHasABaseOfItsOwn) {
-    std::mt19937 random = SeededWith(7);
+    Random random(7);
     for (int round = 0; round < 5000; ++round) {
-        const Octets octets = RandomOctets(random);
+        const Octets octets = random.Octets<4>();
         std::string text;
         for (const unsigned char octet : octets) {
-            text += Printed(bases[Below(3, random)].prefixed, octet) + '.';
+            text += Printed(bases[random.Below(3)].prefixed, octet) + '.';
         }
         text.pop_back();
         ASSERT_EQ(AddressOf(octets), IPAddress(text)) << text;
@@ -164,11 +151,11 @@ std::uint32_t NumberOf(const Octets& octets) {
 }
 
 TEST(IPAddressProperty, OrderIsThatOfTheNumbers) {
-    std::mt19937 random = SeededWith(11);
+    Random random(11);
     for (int round = 0; round < 20000; ++round) {
-        const Octets left = RandomOctets(random);
-        Octets right = RandomOctets(random);
-        std::copy_n(left.begin(), Below(5, random), right.begin());  // often alike at first, or altogether
+        const Octets left = random.Octets<4>();
+        Octets right = random.Octets<4>();
+        std::copy_n(left.begin(), random.Below(5), right.begin());  // often alike at first, or altogether
         const IPAddress a = AddressOf(left);
         const IPAddress b = AddressOf(right);
         SCOPED_TRACE(testing::PrintToString(std::make_pair(left, right)));
@@ -240,49 +227,42 @@ Reading ReadByTheLibrary(const char* text) {
     }
 }
 
-char OneOf(std::string_view characters, std::mt19937& random) {
-    return characters[Below(static_cast<unsigned int>(characters.size()), random)];
-}
-
 // Without a b: a newer strtol reads 0b as a prefix.
 constexpr std::string_view characters = "0123456789.+-xXaAcdEfFgG \t\n\v\f\r,_\x01\x7f\x80\xa0\xff";
 
-std::string RandomField(std::mt19937& random) {
+std::string RandomField(Random& random) {
     std::string field;
-    if (Below(8, random) == 0) {
-        field += OneOf(" \t\n\v\f\r", random);
+    if (random.OneIn(8)) {
+        field += random.OneOf(" \t\n\v\f\r");
     }
-    if (Below(8, random) == 0) {
-        field += OneOf("+-", random);
+    if (random.OneIn(8)) {
+        field += random.OneOf("+-");
     }
-    if (Below(16, random) != 0) {
-        field += Printed(bases[Below(3, random)].prefixed, Below(270, random));
+    if (!random.OneIn(16)) {
+        field += Printed(bases[random.Below(3)].prefixed, random.Below(270));
     }
     return field;
 }
 
 /// Fields that are mostly good, then often damaged in one to three places.
-std::string RandomAddress(std::mt19937& random) {
+std::string RandomAddress(Random& random) {
     std::string text = RandomField(random);
-    for (unsigned int i = Below(16, random) == 0 ? Below(5, random) : 3; i > 0; --i) {
+    for (unsigned int i = random.OneIn(16) ? random.Below(5) : 3; i > 0; --i) {
         text += '.' + RandomField(random);
     }
-    for (unsigned int damage = Below(2, random) * (1 + Below(3, random)); damage > 0; --damage) {
-        const std::size_t place = Below(static_cast<unsigned int>(text.size()) + 1, random);
-        text.replace(place, Below(2, random), Below(4, random), OneOf(characters, random));
+    for (unsigned int damage = random.Below(2) * (1 + random.Below(3)); damage > 0; --damage) {
+        const std::size_t place = random.Below(static_cast<unsigned int>(text.size()) + 1);
+        text.replace(place, random.Below(2), random.Below(4), random.OneOf(characters));
     }
     return text;
 }
 
-std::string RandomCharacters(std::mt19937& random) {
-    std::string text(Below(24, random), '\0');
-    const std::string_view from = Below(2, random) == 0 ? characters : characters.substr(0, 13);
-    std::generate(text.begin(), text.end(), [&] { return OneOf(from, random); });
-    return text;
+std::string RandomCharacters(Random& random) {
+    return random.Text(random.OneIn(2) ? characters : characters.substr(0, 13), 0, 23);
 }
 
 TEST(IPAddressProperty, RandomTextIsReadAsByStrtol) {
-    std::mt19937 random = SeededWith(1234567);
+    Random random(1234567);
     std::map<std::string, int> seen;
     for (int round = 0; round < 40000; ++round) {
         const std::string text = round % 4 == 0 ? RandomCharacters(random) : RandomAddress(random);

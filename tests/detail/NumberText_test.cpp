@@ -1,13 +1,13 @@
 #include <TarnSocketIO/detail/NumberText.h>
 #include <gtest/gtest.h>
 
-#include <cstddef>
 #include <cstdlib>
 #include <limits>
-#include <random>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "tests/support/Random.h"
 
 namespace {
 
@@ -76,14 +76,11 @@ TEST(ReadNumber, HasNoBinaryPrefix) {
 }
 
 TEST(ReadNumber, ReadsRandomTextAsStrtol) {
-    std::mt19937 random(20261120);  // NOLINT(cert-msc32-c,cert-msc51-cpp): the same texts in every run
+    TarnTest::Random random(20261120);
     // Without b, for the reason above.
     constexpr std::string_view characters = "0000112789 \t\n+-xXaAcCfFgG.\x80\xff";
     for (int round = 0; round < 20000; ++round) {
-        std::string text;
-        for (std::size_t length = random() % 26; text.size() < length;) {
-            text += characters[random() % characters.size()];
-        }
+        const std::string text = random.Text(characters, 0, 25);
         for (const int base : {0, 10, 16}) {
             ExpectAsStrtol(text, base);
         }

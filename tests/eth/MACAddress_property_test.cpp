@@ -11,7 +11,6 @@
 #include <ios>
 #include <locale>
 #include <ostream>
-#include <random>
 #include <sstream>
 #include <stdexcept>
 #include <streambuf>
@@ -19,9 +18,12 @@
 #include <string_view>
 #include <tuple>
 
+#include "tests/support/Random.h"
+
 namespace {
 
 using TarnSocketIO::MACAddress;
+using TarnTest::Random;
 
 using Octets = std::array<unsigned char, 6>;
 
@@ -74,34 +76,6 @@ Outcome Expected(const Octets& before, const char* str) {
     return outcome;
 }
 
-class Random {
-public:
-    explicit Random(unsigned int seed) : m_random(seed) {}
-
-    unsigned int Below(unsigned int end) { return static_cast<unsigned int>(m_random() % end); }
-
-    Octets AnyOctets() {
-        Octets octets;
-        for (unsigned char& octet : octets) {
-            octet = static_cast<unsigned char>(Below(256));
-        }
-        return octets;
-    }
-
-    /// @param alphabet  empty: every byte but NUL.
-    std::string Text(std::string_view alphabet, unsigned int shortest, unsigned int longest) {
-        std::string text(shortest + Below(longest - shortest + 1), '\0');
-        for (char& c : text) {
-            c = alphabet.empty() ? static_cast<char>(1 + Below(255))
-                                 : alphabet[Below(static_cast<unsigned int>(alphabet.size()))];
-        }
-        return text;
-    }
-
-private:
-    std::mt19937 m_random;
-};
-
 /// How many texts were accepted, and how many refused for each reason.
 struct Count {
     int accepted = 0;
@@ -139,7 +113,7 @@ TEST(MACAddressProperty, RandomTextIsParsedAsDescribed) {
     Count count;
     for (const std::string_view alphabet : alphabets) {
         for (int i = 0; i < 4000; ++i) {
-            ExpectAsDescribed(random.Text(alphabet, 0, 20), random.AnyOctets(), count);
+            ExpectAsDescribed(random.Text(alphabet, 0, 20), random.Octets<6>(), count);
             if (HasFatalFailure()) {
                 return;
             }
@@ -162,7 +136,7 @@ TEST(MACAddressProperty, RandomFieldsAreParsedAsDescribed) {
             for (unsigned int k = 1; k < 6; ++k) {
                 text += ':' + random.Text(alphabet, k % 2, 3);
             }
-            ExpectAsDescribed(text, random.AnyOctets(), count);
+            ExpectAsDescribed(text, random.Octets<6>(), count);
             if (HasFatalFailure()) {
                 return;
             }
@@ -183,7 +157,7 @@ TEST(MACAddressProperty, RandomLongNumbersAreReadAsDescribed) {
         const auto longest = static_cast<unsigned int>(12 - prefix.size());
         const std::string number = std::string(prefix) + random.Text("0123456789abcdefABCDEF", longest - 5, longest);
         text.insert(random.Below(6), number);
-        ExpectAsDescribed(text, random.AnyOctets(), count);
+        ExpectAsDescribed(text, random.Octets<6>(), count);
         if (HasFatalFailure()) {
             return;
         }
@@ -239,7 +213,7 @@ TEST(MACAddressProperty, EveryOctetIsHeldInEveryPlace) {
 TEST(MACAddressProperty, RandomAddressesReadWhatTheyWrite) {
     Random random(4804);
     for (int i = 0; i < 3000; ++i) {
-        ExpectRoundTrip(random.AnyOctets());
+        ExpectRoundTrip(random.Octets<6>());
         if (HasFatalFailure()) {
             return;
         }
