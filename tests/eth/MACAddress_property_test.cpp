@@ -49,7 +49,7 @@ Outcome Expected(const Octets& before, const char* str) {
         return {before, "incorrect length for MAC address string"};
     }
     char buffer[18];
-    std::strncpy(buffer, str, sizeof buffer);
+    std::memcpy(buffer, str, n + 1);
     const char* fields[6] = {buffer};
     std::size_t count = 1;
     for (std::size_t i = 0; i < 18 && buffer[i] != '\0'; ++i) {
