@@ -56,6 +56,7 @@ void CIPString::Parse(const char* s) {
             only_digits = only_digits && digit <= 9;
             field[length] = *s;
         }
+        // A field is nearly always plain digits, which have their number by now.
         octet = static_cast<unsigned char>(only_digits ? number : detail::ReadNumber(field, 10).value);
         if (*s == '\0') {
             return;

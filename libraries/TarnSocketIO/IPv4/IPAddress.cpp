@@ -136,6 +136,7 @@ void WriteOctetByOctet(std::ostream& os, const unsigned char* octets) {
 /// @return the text that a new stream makes of the address after the manipulator.
 std::string StreamText(IPAddress ip, Manipulator base) {
     std::stringstream stream;
+    // The sizes that a buffer must have are those of plain digits: a global locale that groups them would overrun it.
     stream.imbue(std::locale::classic());
     if (base != nullptr) {
         stream << base;
@@ -181,11 +182,10 @@ IPAddress::IPAddress(const char* str) : m_Address(StrToAddress<BigEndian>(str)) 
 
 IPAddress::IPAddress(const std::string& str) : m_Address(StrToAddress<BigEndian>(str)) {}
 
-IPAddress::IPAddress(unsigned char o1, unsigned char o2, unsigned char o3, unsigned char o4) : m_Address(0) {
-    Set(o1, o2, o3, o4);
-    const unsigned char bytes[] = {o1, o2, o3, o4};
-    const IPAddress ip(bytes, BigEndian);
-    TARN_LIBC_ASSERT_IN(source_file, 202, operator struct in_addr() == ip);
+void IPAddress::FailOctetCheck() {
+    TarnSocketIO::detail::FailLibcAssertion(
+        "operator struct in_addr() == ip", source_file, 202,
+        "IPv4::IPAddress::IPAddress(unsigned char, unsigned char, unsigned char, unsigned char)");
 }
 
 IPAddress::IPAddress(const sockaddr& sa) : m_Address(0) {

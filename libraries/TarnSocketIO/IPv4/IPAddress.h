@@ -140,6 +140,9 @@ public:
     static bool class_invariant() { return true; }
 
 private:
+    /// Reports that four octets have not made the address that their bytes make, and aborts.
+    [[noreturn]] static void FailOctetCheck();
+
     std::uint32_t m_Address;
 };
 
@@ -149,6 +152,16 @@ inline bool operator==(IPAddress a, IPAddress b) {
 
 inline bool operator!=(IPAddress a, IPAddress b) {
     return !(a == b);
+}
+
+inline IPAddress::IPAddress(unsigned char o1, unsigned char o2, unsigned char o3, unsigned char o4) : m_Address(0) {
+    Set(o1, o2, o3, o4);
+    const unsigned char bytes[] = {o1, o2, o3, o4};
+    const IPAddress ip(bytes, BigEndian);
+    // Kept. It costs nothing where the compiler sees both addresses, as it does for constants.
+    if (!(operator in_addr() == ip)) {
+        FailOctetCheck();
+    }
 }
 
 /// Orders by the first octet, then the second, third and fourth.
