@@ -7,9 +7,10 @@
 #include <cstdio>
 #include <cstring>
 #include <iterator>
-#include <locale>
 #include <string>
 #include <type_traits>
+
+#include "tests/support/Streams.h"
 
 namespace {
 
@@ -121,16 +122,10 @@ TEST(CMacAddress, TextIsWhatItWasUntilItIsAskedForAgain) {
 }
 
 TEST(CMacAddress, TextDoesNotFollowTheGlobalLocale) {
-    class MarkBehindEveryDigit : public std::numpunct<char> {
-        char do_thousands_sep() const override { return '\''; }
-        std::string do_grouping() const override { return "\1"; }
-    };
     CMacAddress mac;
     SetOctets(mac, other);
-    const std::locale original = std::locale::global(std::locale(std::locale(), new MarkBehindEveryDigit));
-    const std::string text = mac.GetString();
-    std::locale::global(original);
-    EXPECT_EQ("ff:ee:dd:cc:bb:aa", text);
+    const TarnTest::GlobalLocale marks(TarnTest::MarkedDigits());
+    EXPECT_STREQ("ff:ee:dd:cc:bb:aa", mac.GetString());
 }
 
 TEST(CMacAddress, IsCopiedWithTheWholeBufferOfItsText) {

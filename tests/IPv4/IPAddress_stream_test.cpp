@@ -8,10 +8,11 @@
 #include <locale>
 #include <ostream>
 #include <sstream>
-#include <streambuf>
 #include <string>
 #include <tuple>
 #include <utility>
+
+#include "tests/support/Streams.h"
 
 namespace {
 
@@ -116,12 +117,6 @@ TEST(IPAddressInserter, HonoursEveryFlagWidthAndFill) {
 
 // Locales
 
-class EachDigitApart : public std::numpunct<char> {
-protected:
-    char do_thousands_sep() const override { return '\''; }
-    std::string do_grouping() const override { return "\1"; }
-};
-
 class Spelled : public std::num_put<char> {
 protected:
     using std::num_put<char>::do_put;
@@ -135,22 +130,9 @@ protected:
 };
 
 const std::locale& Exotic(bool spelled) {
-    static const std::locale apart(std::locale::classic(), new EachDigitApart);
     static const std::locale spelling(std::locale::classic(), new Spelled);
-    return spelled ? spelling : apart;
+    return spelled ? spelling : TarnTest::MarkedDigits();
 }
-
-/// The C++ locale of the process for as long as the object lives.
-class GlobalLocale {
-public:
-    explicit GlobalLocale(const std::locale& locale) : m_before(std::locale::global(locale)) {}
-    ~GlobalLocale() { std::locale::global(m_before); }
-    GlobalLocale(const GlobalLocale&) = delete;
-    GlobalLocale& operator=(const GlobalLocale&) = delete;
-
-private:
-    const std::locale m_before;
-};
 
 struct Presentation {
     std::ios_base& (*base)(std::ios_base&);
@@ -183,7 +165,7 @@ TEST(IPAddressInserter, HonoursTheLocaleOfTheStream) {
 
 TEST(GetPresentation, IsTheSameInEveryGlobalLocale) {
     for (const bool spelled : {false, true}) {
-        const GlobalLocale exotic(Exotic(spelled));
+        const TarnTest::GlobalLocale exotic(Exotic(spelled));
         const IPAddress ip(192, 168, 1, 100);
         ASSERT_EQ(spelled ? "<192>" : "1'9'2", Inserted(ip).substr(0, 5));
         for (const Presentation& form : presentations) {
@@ -212,23 +194,13 @@ TEST(IPAddressInserter, LeavesAStreamThatHasFailedAlone) {
     }
 }
 
-/// Room for some characters; the next one fails.
-class ShortBuffer : public std::streambuf {
-public:
-    explicit ShortBuffer(std::size_t room) { setp(m_text.data(), m_text.data() + room); }
-    std::string Text() const { return {pbase(), pptr()}; }
-
-private:
-    std::array<char, 64> m_text{};
-};
-
 // An address is one insertion: what fits is written, and the stream is bad, as after any value that does not fit.
 TEST(IPAddressInserter, StopsWhereTheStreamHasNoMoreRoom) {
     for (const int width : {0, 6}) {
         const std::string text = width == 0 ? "192.168.1.10" : "   192.168.1.10";
         for (std::size_t room = 0; room <= 20; ++room) {
             SCOPED_TRACE(testing::PrintToString(std::make_pair(width, room)));
-            ShortBuffer buffer(room);
+            TarnTest::ShortBuffer buffer(room);
             std::ostream stream(&buffer);
             stream.width(width);
             WriteByTheLibrary(stream, {192, 168, 1, 10});

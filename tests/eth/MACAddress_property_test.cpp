@@ -13,12 +13,12 @@
 #include <ostream>
 #include <sstream>
 #include <stdexcept>
-#include <streambuf>
 #include <string>
 #include <string_view>
 #include <tuple>
 
 #include "tests/support/Random.h"
+#include "tests/support/Streams.h"
 
 namespace {
 
@@ -246,41 +246,14 @@ struct Setting {
     bool has_marks = false;  // a locale that puts a mark behind every digit
 };
 
-class MarkBehindEveryDigit : public std::numpunct<char> {
-protected:
-    char do_thousands_sep() const override { return '\''; }
-    std::string do_grouping() const override { return "\1"; }
-};
-
-/// Takes as many characters as there is room for.
-class ShortBuffer : public std::streambuf {
-public:
-    explicit ShortBuffer(std::size_t room) : m_room(room) {}
-    const std::string& Text() const { return m_text; }
-
-protected:
-    int_type overflow(int_type c) override {
-        if (m_text.size() == m_room) {
-            return traits_type::eof();
-        }
-        m_text += traits_type::to_char_type(c);
-        return c;
-    }
-
-private:
-    const std::size_t m_room;
-    std::string m_text;
-};
-
 /// What is written to a stream, and how it is left behind: text, flags, fill, width, precision, state.
 using Written = std::tuple<std::string, std::ios_base::fmtflags, char, std::streamsize, std::streamsize, int>;
 
 template <class Write>
 Written WrittenBy(const Setting& setting, Write write, std::size_t room = 1000) {
-    static const std::locale marks(std::locale::classic(), new MarkBehindEveryDigit);
-    ShortBuffer buffer(room);
+    TarnTest::ShortBuffer buffer(room);
     std::ostream os(&buffer);
-    os.imbue(setting.has_marks ? marks : std::locale::classic());
+    os.imbue(setting.has_marks ? TarnTest::MarkedDigits() : std::locale::classic());
     os.flags(setting.flags);
     os.fill(setting.fill);
     os.width(setting.width);
