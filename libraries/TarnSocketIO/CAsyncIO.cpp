@@ -17,6 +17,7 @@
 #include <TarnSocketIO/detail/BoundedText.h>
 #include <TarnSocketIO/detail/Descriptor.h>
 #include <TarnSocketIO/detail/HostNames.h>
+#include <TarnSocketIO/detail/Pause.h>
 #include <TarnSocketIO/detail/SocketCalls.h>
 
 namespace TarnSocketIO {

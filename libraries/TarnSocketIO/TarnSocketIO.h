@@ -4,9 +4,12 @@
 
 #include <TarnSocketIO/Asserter.h>
 #include <TarnSocketIO/CAsyncIO.h>
+#include <TarnSocketIO/CEvent.h>
 #include <TarnSocketIO/CIPString.h>
 #include <TarnSocketIO/CMacAddress.h>
 #include <TarnSocketIO/CMutex.h>
+#include <TarnSocketIO/CSignalHandler.h>
+#include <TarnSocketIO/CSocketThread.h>
 #include <TarnSocketIO/CStaticMutex.h>
 #include <TarnSocketIO/CUtility.h>
 #include <TarnSocketIO/ConnectionType.h>

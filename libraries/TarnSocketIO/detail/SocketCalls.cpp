@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <ctime>
 #include <limits>
 
 namespace TarnSocketIO::detail {
@@ -64,12 +63,6 @@ long Receive(int fd, char* buffer, std::size_t size) {
 
 long SendNow(int fd, const char* data, std::size_t length) {
     return ::send(fd, data, length, MSG_DONTWAIT | MSG_NOSIGNAL);
-}
-
-void PauseOneStep() {
-    timespec rest{0, 3'000'000};
-    while (::nanosleep(&rest, &rest) == -1 && errno == EINTR) {
-    }
 }
 
 }  // namespace TarnSocketIO::detail

@@ -40,7 +40,4 @@ long Receive(int fd, char* buffer, std::size_t size);
 /// One send that never waits and raises no SIGPIPE when the peer is gone.
 long SendNow(int fd, const char* data, std::size_t length);
 
-/// Sleeps for the library's step of 3 ms, whatever signals come.
-void PauseOneStep();
-
 }  // namespace TarnSocketIO::detail
