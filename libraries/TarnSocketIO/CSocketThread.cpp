@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <new>
 
 #include <TarnSocketIO/CUtility.h>
 #include <TarnSocketIO/detail/Pause.h>
@@ -29,6 +30,14 @@ void SetSchedulingOfThisThread(int policy, int priority) {
         CUtility::Debug("CSocketThread::Start - set thread priority OK");
     } else {
         CUtility::Debug("CSocketThread::Start - error setting thread priority");
+    }
+}
+
+void LogOutcomeOfStop(bool ok) {
+    try {
+        CUtility::ConditionalDebug("CSocketThread::Stop - wait for thread sync", ok);
+    } catch (const std::bad_alloc&) {
+        // There is no memory for the text: the line is lost, but the caller, often a destructor, gets no exception.
     }
 }
 
@@ -70,7 +79,7 @@ bool CSocketThread::Stop() {
         detail::PauseOneStep();
         ok = step < steps_of_stop_timeout;
     }
-    CUtility::ConditionalDebug("CSocketThread::Stop - wait for thread sync", ok);
+    LogOutcomeOfStop(ok);
     return ok;
 }
 

@@ -33,21 +33,6 @@ CallState& StateOf(Call call) {
     return call_states[static_cast<std::size_t>(call)];
 }
 
-/// Counts a call.
-///
-/// @return whether it has to fail; errno is set then.
-bool MustFail(Call call, int descriptor) {
-    CallState& state = StateOf(call);
-    ++state.calls;
-    state.last_descriptor = descriptor;
-    if (state.to_fail <= 0 || state.to_pass-- > 0 || state.to_fail-- <= 0) {
-        return false;
-    }
-    ++state.failed;
-    errno = state.error;
-    return true;
-}
-
 struct LookupState {
     std::atomic<const std::string*> name{nullptr};
     std::atomic<std::size_t> room{0};
@@ -92,6 +77,18 @@ void* AllocateOrThrow(std::size_t size) {
 }
 
 }  // namespace
+
+bool MustFail(Call call, int descriptor) {
+    CallState& state = StateOf(call);
+    ++state.calls;
+    state.last_descriptor = descriptor;
+    if (state.to_fail <= 0 || state.to_pass-- > 0 || state.to_fail-- <= 0) {
+        return false;
+    }
+    ++state.failed;
+    errno = state.error;
+    return true;
+}
 
 FailingCalls::FailingCalls(Call call, int error, int times, int passing) : m_call(call) {
     CallState& state = StateOf(call);

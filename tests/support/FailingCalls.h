@@ -26,7 +26,12 @@ enum class Call {
     Send,
     Shutdown,
     Close,
-    Allocate,  ///< operator new, which throws std::bad_alloc (or gives null where it must not throw)
+    Sleep,            ///< nanosleep; this and the four below are sent here by RuntimeCalls
+    CreateMutex,      ///< pthread_mutex_init
+    CreateThread,     ///< pthread_create
+    SetScheduler,     ///< sched_setscheduler
+    SetSignalAction,  ///< sigaction
+    Allocate,         ///< operator new, which throws std::bad_alloc (or gives null where it must not throw)
 };
 
 /// An order that calls fail, whichever thread makes them, for as long as the object lives. One at a time for each Call.
@@ -45,6 +50,12 @@ public:
 private:
     const Call m_call;
 };
+
+/// For what comes in between: counts a call.
+///
+/// @param descriptor  -1 if the call has none.
+/// @return whether it has to fail; errno is set then.
+bool MustFail(Call call, int descriptor);
 
 /// Counts the calls made from its construction on, failing ones included.
 class CallWatch {

@@ -1,0 +1,2 @@
+#include <TarnSocketIO/CEvent.h>
+#include <gtest/gtest.h>

@@ -1,0 +1,2 @@
+#include <TarnSocketIO/CSignalHandler.h>
+#include <gtest/gtest.h>

@@ -1,0 +1,2 @@
+#include <TarnSocketIO/CSocketThread.h>
+#include <gtest/gtest.h>
