@@ -5,14 +5,6 @@
 
 readonly program=("$@")
 
-run_with() { # run_with STATUS TEXT...
-    local expected=$1 status=0
-    shift
-    "${program[@]}" "$@" >"$work/out" 2>"$work/errors" || status=$?
-    cat "$work/errors" >>"$work/out"
-    expect "exit status for: $*" "$expected" "$status"
-}
-
 expect_line() { # expect_line LINE
     grep -qxF -- "$1" "$work/out" || fail "no line: $1"
 }

@@ -23,6 +23,17 @@ expect() { # expect WHAT EXPECTED ACTUAL
     [ "$2" = "$3" ] || fail "$1 is \"$3\", expected \"$2\""
 }
 
+# Runs the program under test, which is in the array `program`, to its end; its output is in "$work/out", what it says
+# on standard error also in "$work/errors": run_with STATUS ARGUMENT...
+run_with() {
+    local expected=$1 status=0
+    shift
+    # shellcheck disable=SC2154 # each check names its own program
+    "${program[@]}" "$@" >"$work/out" 2>"$work/errors" || status=$?
+    cat "$work/errors" >>"$work/out"
+    expect "exit status for: $*" "$expected" "$status"
+}
+
 # Starts the program under test in the background: start COMMAND...
 start() {
     # Emptied here and not by the background process, which may begin after somebody has looked.

@@ -1,0 +1,2 @@
+#include <TarnSocketIO/CMutex.h>
+#include <gtest/gtest.h>
