@@ -9,7 +9,6 @@
 #include <array>
 #include <chrono>
 #include <cstddef>
-#include <ctime>
 #include <future>
 #include <memory>
 #include <string>
@@ -31,6 +30,7 @@ using TarnBenchmark::Plan;
 using TarnBenchmark::PortOf;
 using TarnBenchmark::PrepareEchoConnection;
 using TarnBenchmark::TargetTable;
+using TarnBenchmark::ThreadSeconds;
 
 constexpr std::size_t connections = 20;
 constexpr std::size_t receive_length = 131070;
@@ -160,12 +160,6 @@ private:
     std::vector<char> m_buffer;
     Work m_work;
 };
-
-double ThreadSeconds() {
-    timespec used{};
-    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
-    return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) * 1e-9;
-}
 
 /// A server with its clients connected.
 template <class Server>
