@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <map>
 #include <set>
@@ -12,7 +11,11 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/TextFile.h"
+
 namespace {
+
+using TarnTest::ReadFile;
 
 namespace fs = std::filesystem;
 
@@ -24,13 +27,6 @@ struct Room {
     std::vector<std::string> files;  // patterns as of the shell
     std::set<std::string> may_include;
 };
-
-std::string ReadFile(const fs::path& path) {
-    std::ifstream file(path);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
 
 std::vector<std::string> SplitAt(char separator, const std::string& text) {
     std::istringstream rest(text);

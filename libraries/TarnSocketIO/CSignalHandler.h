@@ -18,13 +18,13 @@ public:
     /// Called for every signal after it has been printed, on the thread that got it and in signal context, with the
     /// registration locked.
     ///
-    /// Stay with what signal-safety(7) allows: set a flag, write(2) to a descriptor, end the process with _exit(2) or
-    /// by SIG_DFL and raise(3). Not the debug log, no new CSignalHandler, no exception, no siglongjmp. Another of the
-    /// eight signals that comes to the same thread meanwhile would wait for the lock for ever: be brief, and do not
-    /// fault.
+    /// Stay with what signal-safety(7) allows: set a flag, write(2) to a descriptor, end the process with _exit(2), or
+    /// restore SIG_DFL, raise(3) the signal and return, which ends it as the signal would have. Not the debug log, no
+    /// new CSignalHandler, no exception, no siglongjmp. Another of the eight signals that comes to the same thread
+    /// meanwhile would wait for the lock for ever: be brief, and do not fault.
     ///
-    /// After SIGSEGV, SIGILL, SIGFPE and SIGBUS do not return: the faulty instruction is executed again, and faults
-    /// again. What has been printed is written out already.
+    /// After SIGSEGV, SIGILL, SIGFPE and SIGBUS do not just return: the faulty instruction is executed again, and
+    /// faults again. What has been printed is written out already.
     ///
     /// @param signal  its number.
     /// @param info    the kernel's record; valid until this returns.
