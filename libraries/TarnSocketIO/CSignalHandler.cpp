@@ -154,6 +154,29 @@ constexpr Registration other_signals[] = {
     {SIGPOLL, "CSignalHandler::Initialise - could not register SIGPOLL\n"},
 };
 
+/// Keeps the handled signals from the calling thread for a scope. One that came while the thread has the registration
+/// locked would wait for that lock for ever. So they come afterwards; only a fault cannot wait, and ends the process.
+class HandledSignalsHeld {
+public:
+    HandledSignalsHeld() : m_before() {
+        sigset_t handled;
+        sigemptyset(&handled);
+        for (const Registration& registration : ending_signals) {
+            sigaddset(&handled, registration.signal);
+        }
+        for (const Registration& registration : other_signals) {
+            sigaddset(&handled, registration.signal);
+        }
+        pthread_sigmask(SIG_BLOCK, &handled, &m_before);
+    }
+    ~HandledSignalsHeld() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+    HandledSignalsHeld(const HandledSignalsHeld&) = delete;
+    HandledSignalsHeld& operator=(const HandledSignalsHeld&) = delete;
+
+private:
+    sigset_t m_before;
+};
+
 }  // namespace
 
 CSignalHandler::CSignalHandler(CSignalHandlerBase* handler) : m_BlockSet(), m_UnusedSet() {
@@ -163,6 +186,7 @@ CSignalHandler::CSignalHandler(CSignalHandlerBase* handler) : m_BlockSet(), m_Un
     std::printf("CSignalHandler::CSignalHandler - registering instance %d %p\n", s_nRegisteredHandlerIter.load(),
                 static_cast<void*>(this));
     {
+        const HandledSignalsHeld held;
         const CScopedLocker<CMutex> lock(m_mutex);
         m_pHandler = handler;
     }
@@ -216,6 +240,7 @@ void CSignalHandler::SignalHandler(int signal, siginfo_t* info, void* /*context*
     // The callback may end the process, and the report with it.
     std::fflush(stdout);
     {
+        const HandledSignalsHeld held;
         const CScopedLocker<CMutex> lock(m_mutex);
         // Looked at once: the destructor clears it without the lock.
         CSignalHandlerBase* const handler = m_pHandler;

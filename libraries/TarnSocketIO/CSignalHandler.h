@@ -16,12 +16,12 @@ public:
     virtual ~CSignalHandlerBase() = default;
 
     /// Called for every signal after it has been printed, on the thread that got it and in signal context, with the
-    /// registration locked.
+    /// registration locked: one signal at a time in the whole process.
     ///
     /// Stay with what signal-safety(7) allows: set a flag, write(2) to a descriptor, end the process with _exit(2), or
     /// restore SIG_DFL, raise(3) the signal and return, which ends it as the signal would have. Not the debug log, no
-    /// new CSignalHandler, no exception, no siglongjmp. Another of the eight signals that comes to the same thread
-    /// meanwhile would wait for the lock for ever: be brief, and do not fault.
+    /// new CSignalHandler, no exception, no siglongjmp. Of the eight signals those that come to the same thread
+    /// meanwhile wait until this returns; a fault in here ends the process.
     ///
     /// After SIGSEGV, SIGILL, SIGFPE and SIGBUS do not just return: the faulty instruction is executed again, and
     /// faults again. What has been printed is written out already.
@@ -56,9 +56,9 @@ public:
 /// it prints itself may find its line mixed with the report. The report needs no memory, so that it comes also from a
 /// process with a broken heap.
 ///
-/// **Threads.** Make the instances on one thread, before signals are expected: a signal that hits the registering
-/// thread while it holds the lock waits for ever. The callback must outlive its registration, and as the destructor
-/// does not wait for a callback that is running on another thread, an object that lives as long as the process is best.
+/// **Threads.** Make the instances on one thread, before others are started. The callback must outlive its
+/// registration, and as the destructor does not wait for a callback that is running on another thread, an object that
+/// lives as long as the process is best.
 class CSignalHandler {
 public:
     /// Registers the callback, and installs the handler if no instance has done so. Prints
