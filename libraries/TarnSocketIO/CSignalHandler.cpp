@@ -1,12 +1,21 @@
 #include <TarnSocketIO/CSignalHandler.h>
 
+#include <sys/types.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <cstdarg>
 #include <cstddef>
 #include <cstdio>
+#include <string_view>
 
 #include <TarnSocketIO/CUtility.h>
+#include <TarnSocketIO/detail/BoundedText.h>
+#include <TarnSocketIO/detail/SignalMeaning.h>
 
 namespace TarnSocketIO {
+
+using detail::SignalMeaning;
 
 std::atomic<CSignalHandlerBase*> CSignalHandler::m_pHandler{nullptr};
 CMutex CSignalHandler::m_mutex(CMutex::enNormal);
@@ -16,123 +25,6 @@ std::atomic<int> CSignalHandler::s_nRegisteredHandlerIter{0};
 static_assert(std::atomic<CSignalHandlerBase*>::is_always_lock_free, "it is read in signal context");
 
 namespace {
-
-struct CodeText {
-    int code;
-    const char* text;
-};
-
-/// What the codes of one signal mean.
-struct CodeTable {
-    const char* name;  ///< what every text begins with
-    const CodeText* entries;
-    std::size_t count;
-
-    template <std::size_t Count>
-    constexpr CodeTable(const char* table_name, const CodeText (&table)[Count])
-        : name(table_name), entries(table), count(Count) {}
-};
-
-constexpr CodeText poll_codes[] = {
-    {SI_SIGIO, "POLL: IO ready"},
-    {POLL_IN, "POLL: data available"},
-    {POLL_OUT, "POLL: write available"},
-    {POLL_MSG, "POLL: message available"},
-    {POLL_ERR, "POLL: descriptor error"},
-    {POLL_PRI, "POLL: priority data available"},
-    {POLL_HUP, "POLL: remote descriptor closed"},
-};
-
-constexpr CodeText segv_codes[] = {
-    {SEGV_MAPERR, "SEGMENTATION FAULT: address not mapped to object"},
-    {SEGV_ACCERR, "SEGMENTATION FAULT: invalid permissions for mapped object"},
-};
-
-constexpr CodeText ill_codes[] = {
-    {ILL_ILLOPC, "ILLEGAL: illegal opcode"},          {ILL_ILLOPN, "ILLEGAL: illegal operand"},
-    {ILL_ILLADR, "ILLEGAL: illegal addressing mode"}, {ILL_ILLTRP, "ILLEGAL: illegal trap"},
-    {ILL_PRVOPC, "ILLEGAL: privileged opcode"},       {ILL_PRVREG, "ILLEGAL: privileged register"},
-    {ILL_COPROC, "ILLEGAL: coprocessor error"},       {ILL_BADSTK, "ILLEGAL: internal stack error"},
-};
-
-constexpr CodeText fpe_codes[] = {
-    {FPE_INTDIV, "FLOATING POINT EXCEPTION: integer devide by zero"},
-    {FPE_INTOVF, "FLOATING POINT EXCEPTION: integer overflow"},
-    {FPE_FLTDIV, "FLOATING POINT EXCEPTION: floating point divide by zero"},
-    {FPE_FLTOVF, "FLOATING POINT EXCEPTION: floating point overflow"},
-    {FPE_FLTUND, "FLOATING POINT EXCEPTION: floating point underflow"},
-    {FPE_FLTRES, "FLOATING POINT EXCEPTION: floating point inexact result"},
-    {FPE_FLTINV, "FLOATING POINT EXCEPTION: floating point invalid operation"},
-    {FPE_FLTSUB, "FLOATING POINT EXCEPTION: subscript out of range"},
-};
-
-constexpr CodeText bus_codes[] = {
-    {BUS_ADRALN, "BUS: invalid address alignment"},
-    {BUS_ADRERR, "BUS: non-existant physical address"},
-    {BUS_OBJERR, "BUS: object specific hardware error"},
-};
-
-constexpr CodeTable poll_table("POLL", poll_codes);
-constexpr CodeTable segv_table("SEGMENTATION FAULT", segv_codes);
-constexpr CodeTable ill_table("ILLEGAL", ill_codes);
-constexpr CodeTable fpe_table("FLOATING POINT EXCEPTION", fpe_codes);
-constexpr CodeTable bus_table("BUS", bus_codes);
-
-/// A text for one code. Made without allocating: the interrupted thread may have been in the allocator.
-class Meaning {
-public:
-    Meaning(const CodeTable& table, int code) {
-        for (std::size_t i = 0; i < table.count; ++i) {
-            if (table.entries[i].code == code) {
-                m_text = table.entries[i].text;
-                return;
-            }
-        }
-        std::snprintf(m_buffer, sizeof m_buffer, "%s: unknown value %d", table.name, code);
-        m_text = m_buffer;
-    }
-    Meaning(const Meaning&) = delete;
-    Meaning& operator=(const Meaning&) = delete;
-
-    const char* Text() const { return m_text; }
-
-private:
-    char m_buffer[256];
-    const char* m_text;
-};
-
-/// @return null for a signal whose codes are not told.
-const CodeTable* CodesOf(int signal) {
-    switch (signal) {
-        case SIGILL:
-            return &ill_table;
-        case SIGBUS:
-            return &bus_table;
-        case SIGFPE:
-            return &fpe_table;
-        case SIGSEGV:
-            return &segv_table;
-        case SIGPOLL:
-            return &poll_table;
-        default:
-            return nullptr;
-    }
-}
-
-const char* NameOf(int signal) {
-    switch (signal) {
-        case SIGINT:
-            return "SIGINT";
-        case SIGTERM:
-            return "SIGTERM";
-        default:
-            return "unknown";
-    }
-}
-
-void PrintCaught(const char* text) {
-    std::printf("\n\t\t*** signal caught *** - %s\n", text);
-}
 
 struct Registration {
     int signal;
@@ -176,6 +68,38 @@ public:
 private:
     sigset_t m_before;
 };
+
+/// Writes to standard output from signal context: in its order with what the process has printed itself, and through to
+/// the file, because the callback may end the process.
+void Print(std::string_view text) {
+    if (ftrylockfile(stdout) == 0) {
+        std::fwrite(text.data(), 1, text.size(), stdout);
+        std::fflush(stdout);
+        funlockfile(stdout);
+        return;
+    }
+    // Somebody is printing, and if it is the very thread that was interrupted, waiting for it would be for ever.
+    while (!text.empty()) {
+        const ssize_t written = write(STDOUT_FILENO, text.data(), text.size());
+        if (written > 0) {
+            text.remove_prefix(static_cast<std::size_t>(written));
+        } else if (written == 0 || errno != EINTR) {
+            return;
+        }
+    }
+}
+
+void PrintFormat(const char* format, ...) TARN_PRINTF_FORMAT(1, 2);
+
+void PrintFormat(const char* format, ...) {
+    char buffer[512];
+    detail::BoundedText text(buffer, sizeof buffer, 0);
+    va_list args;
+    va_start(args, format);
+    text.AppendFormat(format, args);
+    va_end(args);
+    Print(text.View());
+}
 
 }  // namespace
 
@@ -234,13 +158,11 @@ void CSignalHandler::UnblockSignals() {
 
 void CSignalHandler::SignalHandler(int signal, siginfo_t* info, void* /*context*/) {
     const int errno_of_interrupted = errno;
-    std::printf("CSignalHandler::SignalHandler - got signal %d, handler at %p\n", signal,
-                static_cast<void*>(m_pHandler.load()));
-    ParseSigInfo(info);
-    // The callback may end the process, and the report with it.
-    std::fflush(stdout);
     {
         const HandledSignalsHeld held;
+        PrintFormat("CSignalHandler::SignalHandler - got signal %d, handler at %p\n", signal,
+                    static_cast<void*>(m_pHandler.load()));
+        ParseSigInfo(info);
         const CScopedLocker<CMutex> lock(m_mutex);
         // Looked at once: the destructor clears it without the lock.
         CSignalHandlerBase* const handler = m_pHandler;
@@ -256,36 +178,32 @@ void CSignalHandler::ParseSigInfo(siginfo_t* info) {
         CUtility::Debug("CSignalHandler::ParseSIInfo - NULL siginfo");
         return;
     }
-    const CodeTable* const codes = CodesOf(info->si_signo);
-    if (codes != nullptr) {
-        PrintCaught(Meaning(*codes, info->si_code).Text());
-    } else {
-        PrintCaught(NameOf(info->si_signo));
-    }
+    const SignalMeaning meaning(info->si_signo, info->si_code);
     if (info->si_signo == SIGSEGV && info->si_addr != nullptr) {
-        std::printf("\n\t\tAt address %p\n", info->si_addr);
+        PrintFormat("\n\t\t*** signal caught *** - %s\n\n\t\tAt address %p\n\n", meaning.Text(), info->si_addr);
+    } else {
+        PrintFormat("\n\t\t*** signal caught *** - %s\n\n", meaning.Text());
     }
-    std::printf("\n");
 }
 
 void CSignalHandler::ParseSIGPOLL(int code, std::string& text) {
-    text = Meaning(poll_table, code).Text();
+    text = SignalMeaning(SIGPOLL, code).Text();
 }
 
 void CSignalHandler::ParseSIGSEGV(int code, std::string& text) {
-    text = Meaning(segv_table, code).Text();
+    text = SignalMeaning(SIGSEGV, code).Text();
 }
 
 void CSignalHandler::ParseSIGILL(int code, std::string& text) {
-    text = Meaning(ill_table, code).Text();
+    text = SignalMeaning(SIGILL, code).Text();
 }
 
 void CSignalHandler::ParseSIGFPE(int code, std::string& text) {
-    text = Meaning(fpe_table, code).Text();
+    text = SignalMeaning(SIGFPE, code).Text();
 }
 
 void CSignalHandler::ParseSIGBUS(int code, std::string& text) {
-    text = Meaning(bus_table, code).Text();
+    text = SignalMeaning(SIGBUS, code).Text();
 }
 
 }  // namespace TarnSocketIO

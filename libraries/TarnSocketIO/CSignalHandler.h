@@ -52,9 +52,10 @@ public:
 /// System calls that a signal interrupts fail with EINTR (no SA_RESTART); errno of the interrupted code is kept. The
 /// handler runs on the stack of the interrupted thread, so that the overflow of a stack is not caught.
 ///
-/// **Printing in signal context** is what this class is for, and goes by printf(3): a thread that is interrupted while
-/// it prints itself may find its line mixed with the report. The report needs no memory, so that it comes also from a
-/// process with a broken heap.
+/// **Printing in signal context** is what this class is for, and goes through the buffer of standard output, so that
+/// the report comes in its place among what the process has printed. A thread that is interrupted while it prints
+/// itself may find its line mixed with the report, or twice; where that would hang it, the report goes to the
+/// descriptor directly. No memory is needed, so that the report comes also from a process with a broken heap.
 ///
 /// **Threads.** Make the instances on one thread, before others are started. The callback must outlive its
 /// registration, and as the destructor does not wait for a callback that is running on another thread, an object that
