@@ -33,10 +33,9 @@ constexpr std::chrono::milliseconds pause(10);
 class Metronome : public CSocketThread {
 public:
     // The thread calls our Do(), so it has to end while there still is one: before the base class is destroyed, where
-    // only Do()'s declaration is left.
+    // only Do()'s declaration is left. There is no other way than to wait for it.
     ~Metronome() override {
-        if (m_running) {
-            Stop();
+        while (m_running && !Stop()) {
         }
     }
 
@@ -48,8 +47,8 @@ public:
 
     // A thread that was never started would let Stop() wait for its ten seconds.
     bool End() {
-        m_running = false;
-        return Stop();
+        m_running = m_running && !Stop();
+        return !m_running;
     }
 
     bool WaitUntilMeasured() { return m_measured.WaitOnEvent(60, 0); }

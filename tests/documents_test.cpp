@@ -55,13 +55,16 @@ TEST(Documents, GuidePagesQuoteTheExamplesAsTheyAre) {
     EXPECT_GE(quotes, 2U) << "hardly any quote was found: is the pattern still right?";
 }
 
-TEST(Documents, LinksPointToFilesOfTheTree) {
+TEST(Documents, LinksIntoTheTreePointToFiles) {
     std::vector<fs::path> pages = FilesIn(".", ".md");
     const std::vector<fs::path> guides = FilesIn("docs", ".md");
     pages.insert(pages.end(), guides.begin(), guides.end());
     std::size_t links = 0;
     for (const fs::path& page : pages) {
         for (const std::string& target : Between("](", ")", ReadFile(page))) {
+            if (target.find("://") != std::string::npos) {
+                continue;
+            }
             EXPECT_TRUE(fs::exists(page.parent_path() / target)) << page << " points to " << target;
             ++links;
         }

@@ -42,7 +42,7 @@ public:
     /// short. The time is that of gettimeofday(2): setting the system's clock meanwhile moves the end of the wait with
     /// it.
     ///
-    /// @param microseconds  below 1,000,000; more counts as the rest of a second.
+    /// @param microseconds  below 1,000,000; with larger values the wait ends at the next full second.
     /// @return whether the event is fired, not whether the time is over: an event that fires with the last step is
     ///         true.
     bool WaitOnEvent(long seconds, long microseconds);

@@ -43,11 +43,11 @@ public:
 ///
 ///     		At address 0x10
 ///
-/// (the address for SIGSEGV only, and only if there is one) and an empty line. Then the callback decides: whether the
-/// process ends is its business.
+/// (the address for SIGSEGV only, if it is not null; in one that was sent with kill(2) it is a number of the sender)
+/// and an empty line. Then the callback decides: whether the process ends is its business.
 ///
 /// When an instance is destroyed no callback is registered any more, whoever registered it, but the signals are still
-/// caught and printed: SIGTERM then does not end the process.
+/// caught and printed: SIGTERM then does not end the process, and a fault is reported again and again without end.
 ///
 /// System calls that a signal interrupts fail with EINTR (no SA_RESTART); errno of the interrupted code is kept. The
 /// handler runs on the stack of the interrupted thread, so that the overflow of a stack is not caught.
@@ -68,7 +68,7 @@ public:
     /// @param handler  borrowed; null for none.
     explicit CSignalHandler(CSignalHandlerBase* handler);
 
-    /// Leaves no callback registered. Never waits: it may run in exit(3) called by a callback.
+    /// Leaves no callback registered. Takes no lock, and so never waits for a callback.
     virtual ~CSignalHandler();
     CSignalHandler(const CSignalHandler&) = delete;
     CSignalHandler& operator=(const CSignalHandler&) = delete;

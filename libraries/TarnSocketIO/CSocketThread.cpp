@@ -20,7 +20,7 @@ namespace {
 
 constexpr int no_priority = -1;
 constexpr long stop_timeout_seconds = 10;
-constexpr int steps_of_stop_timeout = 10'000 / 3;
+constexpr long steps_of_stop_timeout = stop_timeout_seconds * 1000 / detail::STEP_MS;
 
 void SetSchedulingOfThisThread(int policy, int priority) {
     sched_param parameters{};
@@ -43,17 +43,15 @@ void LogOutcomeOfStop(bool ok) {
 
 }  // namespace
 
-CSocketThread::CSocketThread()
-    : m_nPriority(no_priority),
-      m_Thread(),
-      m_nDelaySeconds(0),
-      m_nDelayNanoseconds(0),
-      m_pWorkers(std::make_shared<std::atomic<int>>(0)) {}
+CSocketThread::CSocketThread() : m_nPriority(no_priority), m_Thread(), m_nDelaySeconds(0), m_nDelayNanoseconds(0) {}
 
 CSocketThread::~CSocketThread() = default;
 
 bool CSocketThread::Start(int priority) {
     m_nPriority = priority;
+    if (!HasWorkerCount()) {
+        return false;
+    }
     // Counted before it runs, so that Stop cannot miss it.
     ++*m_pWorkers;
     if (pthread_create(&m_Thread, nullptr, ThreadProcWrapper, this) != 0) {
@@ -63,6 +61,17 @@ bool CSocketThread::Start(int priority) {
     // Nobody joins it, and so its stack is given back when it ends.
     pthread_detach(m_Thread);
     return true;
+}
+
+bool CSocketThread::HasWorkerCount() {
+    try {
+        if (m_pWorkers == nullptr) {
+            m_pWorkers = std::make_shared<std::atomic<int>>(0);
+        }
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
 }
 
 void CSocketThread::SetIterationDelay(unsigned long seconds, unsigned long nanoseconds) {
@@ -75,7 +84,7 @@ bool CSocketThread::Stop() {
     m_StopEvent.SetEvent();
     bool ok = m_EndedEvent.WaitOnEvent(stop_timeout_seconds, 0);
     // The event is never reset. So after a second Start it says nothing about the second thread, but this count does.
-    for (int step = 0; ok && *m_pWorkers > 0; ++step) {
+    for (long step = 0; ok && m_pWorkers != nullptr && *m_pWorkers > 0; ++step) {
         detail::PauseOneStep();
         ok = step < steps_of_stop_timeout;
     }
@@ -98,7 +107,6 @@ void* CSocketThread::ThreadProc(void* arg) {
             SetSchedulingOfThisThread(wanted->policy, wanted->priority);
         }
         thread.IterateThreadFunction();
-        // The owner may have destroyed the object by now.
     }
     CUtility::Debug("CSocketThread::ThreadProc - ending");
     return nullptr;
@@ -117,15 +125,13 @@ std::optional<CSocketThread::Scheduling> CSocketThread::WantedScheduling() const
 }
 
 void CSocketThread::IterateThreadFunction() {
-    const std::shared_ptr<std::atomic<int>> workers = m_pWorkers;
     m_StartedEvent.SetEvent();
     ThreadStarted();
     do {
         CallDo();
     } while (!PauseUntilStopped());
     m_EndedEvent.SetEvent();
-    // From here on the object may be gone: what follows is not in it.
-    --*workers;
+    // The owner may have destroyed the object from here on.
     CUtility::Debug("CSocketThread::IterateThreadFunction - ending");
 }
 
@@ -148,7 +154,15 @@ bool CSocketThread::PauseUntilStopped() {
 void CSocketThread::ThreadStarted() {}
 
 void* ThreadProcWrapper(void* arg) {
-    return CSocketThread::ThreadProc(arg);
+    std::shared_ptr<std::atomic<int>> workers;
+    if (arg != nullptr) {
+        workers = static_cast<CSocketThread*>(arg)->m_pWorkers;
+    }
+    void* const result = CSocketThread::ThreadProc(arg);
+    if (workers != nullptr) {
+        --*workers;
+    }
+    return result;
 }
 
 }  // namespace TarnSocketIO

@@ -16,24 +16,23 @@ namespace TarnSocketIO {
 ///
 ///     class Sampler : public TarnSocketIO::CSocketThread {
 ///     public:
-///         ~Sampler() override { Stop(); }   // while Do() still has an object to work on
+///         ~Sampler() override { while (m_running && !Stop()) {} }   // while there still is a Do() to run
+///         bool Begin() { SetIterationDelay(1, 500000000); return m_running = Start(-1); }   // every 1.5 s
 ///     private:
 ///         void Do() override { ... }
+///         bool m_running = false;
 ///     };
-///
-///     Sampler sampler;
-///     sampler.SetIterationDelay(1, 500000000);   // 1.5 s
-///     sampler.Start(-1);
 ///
 /// **Stop before you destroy.** The destructor of this class does not stop the thread, and could not: by then the
 /// derived class, whose Do() the thread calls, is gone. Call Stop() in the most derived destructor or before it. Once
-/// Stop() has returned true nothing touches the object any more, and it may be destroyed.
+/// Stop() has returned true nothing touches the object any more, and it may be destroyed; when it returned false the
+/// thread still uses it.
 ///
 /// **Pauses** are waits for the stop event in steps of 3 ms (CEvent), so two calls of Do() are never less than 3 ms
 /// apart, and Stop() cuts a long pause short.
 ///
-/// **One life.** A thread that was stopped cannot be used again: a further Start() makes a thread that calls Do() once
-/// and ends. Make a new object instead.
+/// **One life.** Start an object once. A second Start() before Stop() makes a second thread, and both run Do() at the
+/// same time; after Stop() it makes a thread that calls Do() once and ends. Make a new object instead.
 ///
 /// **Threads.** ThreadStarted() and Do() run on the worker thread. Start(), Stop() and SetIterationDelay() are for the
 /// thread that owns the object, one at a time. The worker is never joined nor cancelled: the system takes its resources
@@ -42,11 +41,10 @@ namespace TarnSocketIO {
 /// **Log** (CUtility), in this order: "CSocketThread::ThreadProc - started", the outcome of setting a priority if there
 /// was one to set, "CSocketThread::ThreadProc - Do threw exception!" for each call that threw,
 /// "CSocketThread::IterateThreadFunction - ending", "CSocketThread::ThreadProc - ending"; on the thread that stops it
-/// "CSocketThread::Stop - started" and "CSocketThread::Stop - wait for thread sync" with the outcome. The two last
-/// lines of the worker may come after Stop() has returned.
+/// "CSocketThread::Stop - started" and "CSocketThread::Stop - wait for thread sync" with the outcome.
 class CSocketThread {
 public:
-    /// No thread yet; no pause between calls but the 3 ms. Throws std::bad_alloc when memory has run out.
+    /// No thread yet; no pause between calls but the 3 ms.
     CSocketThread();
 
     /// Does not stop the thread: see above.
@@ -59,20 +57,22 @@ public:
     /// @param priority  a real-time priority, 1 (lowest) to 99, with which the thread runs under SCHED_RR; -1 for none:
     ///                  then AssignDefaultScheduling counts, and without that the scheduling of the calling thread is
     ///                  inherited. Needs CAP_SYS_NICE or RLIMIT_RTPRIO; a thread that may not have its priority runs
-    ///                  without it, and the log tells: "CSocketThread::Start - error setting thread priority".
+    ///                  without it, and the log tells: "CSocketThread::Start - error setting thread priority". So
+    ///                  does one with any other value.
     /// @return false if there is no thread: the limit of processes (EAGAIN: RLIMIT_NPROC, the system's limit of
-    ///         threads) or memory for its stack is used up.
+    ///         threads) or memory is used up.
     bool Start(int priority);
 
-    /// Sets the pause after each call of Do(), from the next pause on.
+    /// Sets the pause after each call of Do(), from the next pause on. (One that begins at this very moment may take
+    /// its seconds from the old setting.)
     ///
     /// @param nanoseconds  below 1,000,000,000; rounded down to microseconds, and to no less than a step of 3 ms
     ///                     altogether.
     void SetIterationDelay(unsigned long seconds, unsigned long nanoseconds);
 
-    /// Tells the thread to end after its current call of Do(), and waits for it, 10 seconds at most. Not to be called
-    /// in Do(), which it would wait for; of an object that was started more than once it waits for all threads, up to
-    /// 10 seconds more.
+    /// Tells the thread to end after its current call of Do(), and waits for it, 10 seconds at most (of the system's
+    /// clock: see CEvent::WaitOnEvent for what setting it does). Not to be called in Do(), which it would wait for. Of
+    /// an object that was started more than once it waits for all threads, up to 10 seconds more.
     ///
     /// @return true if the thread has ended: the object is the caller's alone. False if Do() did not return in time, or
     ///         if the thread was never started: in the first case the thread ends by itself when Do() returns, and the
@@ -109,12 +109,15 @@ protected:
     virtual void ThreadStarted();
 
 private:
+    friend void* ThreadProcWrapper(void* arg);
+
     struct Scheduling {
         int policy;
         int priority;
     };
 
     std::optional<Scheduling> WantedScheduling() const;
+    bool HasWorkerCount();
     void CallDo();
     bool PauseUntilStopped();
 
@@ -126,8 +129,9 @@ private:
     std::atomic<unsigned long> m_nDelaySeconds;
     std::atomic<unsigned long> m_nDelayNanoseconds;
 
-    /// How many threads have been made and not left the object yet. They share it, and can say so when they have left.
-    const std::shared_ptr<std::atomic<int>> m_pWorkers;
+    /// How many of the threads that Start made have not ended yet. They share it with the object, so that the last
+    /// thing they do is nothing in the object. Null before the first Start.
+    std::shared_ptr<std::atomic<int>> m_pWorkers;
 };
 
 /// The start routine that pthread_create(3) is given: CSocketThread::ThreadProc.
