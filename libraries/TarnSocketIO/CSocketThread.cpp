@@ -33,6 +33,13 @@ void SetSchedulingOfThisThread(int policy, int priority) {
     }
 }
 
+/// Not below zero: the loop may also be run by a thread that nobody has counted, because Start has not made it.
+void CountDown(std::atomic<int>& workers) {
+    int count = workers;
+    while (count > 0 && !workers.compare_exchange_weak(count, count - 1)) {
+    }
+}
+
 void LogOutcomeOfStop(bool ok) {
     try {
         CUtility::ConditionalDebug("CSocketThread::Stop - wait for thread sync", ok);
@@ -49,7 +56,7 @@ CSocketThread::~CSocketThread() = default;
 
 bool CSocketThread::Start(int priority) {
     m_nPriority = priority;
-    if (!HasWorkerCount()) {
+    if (!MakeWorkerCount()) {
         return false;
     }
     // Counted before it runs, so that Stop cannot miss it.
@@ -63,7 +70,7 @@ bool CSocketThread::Start(int priority) {
     return true;
 }
 
-bool CSocketThread::HasWorkerCount() {
+bool CSocketThread::MakeWorkerCount() {
     try {
         if (m_pWorkers == nullptr) {
             m_pWorkers = std::make_shared<std::atomic<int>>(0);
@@ -125,13 +132,17 @@ std::optional<CSocketThread::Scheduling> CSocketThread::WantedScheduling() const
 }
 
 void CSocketThread::IterateThreadFunction() {
+    const std::shared_ptr<std::atomic<int>> workers = m_pWorkers;
     m_StartedEvent.SetEvent();
     ThreadStarted();
     do {
         CallDo();
     } while (!PauseUntilStopped());
     m_EndedEvent.SetEvent();
-    // The owner may have destroyed the object from here on.
+    // From here on nothing of the object is touched: when the count has come down, too, the owner may destroy it.
+    if (workers != nullptr) {
+        CountDown(*workers);
+    }
     CUtility::Debug("CSocketThread::IterateThreadFunction - ending");
 }
 
@@ -154,15 +165,7 @@ bool CSocketThread::PauseUntilStopped() {
 void CSocketThread::ThreadStarted() {}
 
 void* ThreadProcWrapper(void* arg) {
-    std::shared_ptr<std::atomic<int>> workers;
-    if (arg != nullptr) {
-        workers = static_cast<CSocketThread*>(arg)->m_pWorkers;
-    }
-    void* const result = CSocketThread::ThreadProc(arg);
-    if (workers != nullptr) {
-        --*workers;
-    }
-    return result;
+    return CSocketThread::ThreadProc(arg);
 }
 
 }  // namespace TarnSocketIO

@@ -41,7 +41,8 @@ namespace TarnSocketIO {
 /// **Log** (CUtility), in this order: "CSocketThread::ThreadProc - started", the outcome of setting a priority if there
 /// was one to set, "CSocketThread::ThreadProc - Do threw exception!" for each call that threw,
 /// "CSocketThread::IterateThreadFunction - ending", "CSocketThread::ThreadProc - ending"; on the thread that stops it
-/// "CSocketThread::Stop - started" and "CSocketThread::Stop - wait for thread sync" with the outcome.
+/// "CSocketThread::Stop - started" and "CSocketThread::Stop - wait for thread sync" with the outcome. The worker's last
+/// two lines may come after Stop() has returned.
 class CSocketThread {
 public:
     /// No thread yet; no pause between calls but the 3 ms.
@@ -109,15 +110,13 @@ protected:
     virtual void ThreadStarted();
 
 private:
-    friend void* ThreadProcWrapper(void* arg);
-
     struct Scheduling {
         int policy;
         int priority;
     };
 
     std::optional<Scheduling> WantedScheduling() const;
-    bool HasWorkerCount();
+    bool MakeWorkerCount();
     void CallDo();
     bool PauseUntilStopped();
 
@@ -129,8 +128,8 @@ private:
     std::atomic<unsigned long> m_nDelaySeconds;
     std::atomic<unsigned long> m_nDelayNanoseconds;
 
-    /// How many of the threads that Start made have not ended yet. They share it with the object, so that the last
-    /// thing they do is nothing in the object. Null before the first Start.
+    /// How many of the threads that Start made have not left the object yet. They share it with the object, so that
+    /// leaving is nothing that they do in it. Null before the first Start.
     std::shared_ptr<std::atomic<int>> m_pWorkers;
 };
 

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <functional>
@@ -104,12 +105,12 @@ private:
 
 /// A child process that runs a function, so that what the function does to a process is not done to this one.
 ///
-/// Its standard output, fully buffered, and its standard error are caught. The child ends with status 0 when the
-/// function returns, or with 1 if an expectation has failed in it: these then stand in its output.
+/// Its standard output, fully buffered, its standard error and the expectations that fail in it are caught. The child
+/// ends with status 0 when the function returns, or with 1 if an expectation has failed.
 class ChildProcess {
 public:
     explicit ChildProcess(const std::function<void()>& act, Sink::Kind output = Sink::Kind::File)
-        : m_output(output), m_errors(Sink::Kind::File), m_id(Start(act)) {}
+        : m_output(output), m_errors(Sink::Kind::File), m_failures(Sink::Kind::File), m_id(Start(act)) {}
     ~ChildProcess() {
         if (!m_has_ended) {
             Kill();
@@ -140,7 +141,40 @@ public:
     /// The same for standard error, where sanitizers complain; without an emulator's word about the end.
     std::string Errors() { return LastWords(m_errors.Text()); }
 
+    /// The expectations that have failed in it so far.
+    const std::string& Failures() { return m_failures.Text(); }
+
 private:
+    /// Tells of failed expectations by a way of its own: a test may have caught standard output.
+    class FailureReporter : public testing::EmptyTestEventListener {
+    public:
+        explicit FailureReporter(int fd) : m_fd(fd) {}
+        bool HasFailed() const { return m_has_failed; }
+        void OnTestPartResult(const testing::TestPartResult& result) override {
+            if (!result.failed()) {
+                return;
+            }
+            m_has_failed = true;
+            const char* const file = result.file_name() != nullptr ? result.file_name() : "";
+            const std::string text =
+                file + (":" + std::to_string(result.line_number())) + ": " + result.message() + "\n";
+            static_cast<void>(!write(m_fd, text.data(), text.size()));
+        }
+
+    private:
+        const int m_fd;
+        std::atomic<bool> m_has_failed{false};
+    };
+
+    /// Takes the place of what tells of failures otherwise.
+    const FailureReporter& ReportFailures() {
+        testing::TestEventListeners& listeners = testing::UnitTest::GetInstance()->listeners();
+        listeners.Release(listeners.default_result_printer());
+        auto* const reporter = new FailureReporter(m_failures.WriteEnd());
+        listeners.Append(reporter);  // and belongs to it
+        return *reporter;
+    }
+
     pid_t Start(const std::function<void()>& act) {
         // What is still in a buffer would be the child's, too, and come out twice.
         std::cout.flush();
@@ -154,6 +188,7 @@ private:
         }
         m_output.CloseWriteEnd();
         m_errors.CloseWriteEnd();
+        m_failures.CloseWriteEnd();
         return id;
     }
 
@@ -165,9 +200,10 @@ private:
         dup2(m_output.WriteEnd(), STDOUT_FILENO);
         dup2(m_errors.WriteEnd(), STDERR_FILENO);
         std::setvbuf(stdout, nullptr, _IOFBF, BUFSIZ);
+        const FailureReporter& reporter = ReportFailures();
         act();
         std::fflush(stdout);
-        _exit(testing::Test::HasFailure() ? 1 : 0);
+        _exit(reporter.HasFailed() ? 1 : 0);
     }
 
     void Wait() {
@@ -189,6 +225,7 @@ private:
 
     Sink m_output;
     Sink m_errors;
+    Sink m_failures;
     int m_status = 0;
     bool m_has_ended = false;
     const pid_t m_id;
@@ -197,8 +234,10 @@ private:
 /// Runs `act` in a child process. Expectations that fail there fail here.
 inline void InChild(const std::function<void()>& act) {
     ChildProcess child(act);
-    EXPECT_EQ(0, child.ExitStatus()) << "ended by signal " << child.EndingSignal() << ", output:\n" << child.Output();
+    const int status = child.ExitStatus();
+    EXPECT_EQ("", child.Failures());
     EXPECT_EQ("", child.Errors());
+    EXPECT_EQ(0, status) << "ended by signal " << child.EndingSignal() << ", output:\n" << child.Output();
 }
 
 }  // namespace TarnTest

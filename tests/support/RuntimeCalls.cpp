@@ -7,9 +7,9 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdint>
 #include <ctime>
 #include <mutex>
+#include <utility>
 
 #include "tests/support/FailingCalls.h"
 #include "tests/support/Resources.h"
@@ -20,7 +20,15 @@ namespace {
 
 thread_local std::vector<std::chrono::nanoseconds>* sleeps_of_this_thread = nullptr;
 
-std::atomic<std::int64_t> clock_shift_us{0};
+thread_local SleptTime* time_of_this_thread = nullptr;
+
+// Not an atomic: the device has none of eight bytes.
+struct ClockState {
+    std::mutex mutex;
+    std::chrono::microseconds shift{0};
+};
+
+ClockState shifted_clock;
 
 struct SchedulingState {
     std::mutex mutex;
@@ -48,12 +56,20 @@ bool RecordScheduling(pid_t pid, int policy, int priority) {
     return scheduling.always_succeeds;
 }
 
+/// @param time  since 1970.
+timeval ClockReading(std::chrono::microseconds time) {
+    const auto second = std::chrono::floor<std::chrono::seconds>(time);
+    timeval reading = {};
+    reading.tv_sec = static_cast<decltype(reading.tv_sec)>(second.count());
+    reading.tv_usec = static_cast<decltype(reading.tv_usec)>((time - second).count());
+    return reading;
+}
+
 /// Adds the shift of the clock to a time.
 void Shift(timeval& time) {
-    constexpr std::int64_t second = 1'000'000;
-    const std::int64_t shifted = time.tv_sec * second + time.tv_usec + clock_shift_us;
-    time.tv_sec = static_cast<decltype(time.tv_sec)>(shifted / second);
-    time.tv_usec = static_cast<decltype(time.tv_usec)>(shifted % second);
+    const std::lock_guard<std::mutex> lock(shifted_clock.mutex);
+    time =
+        ClockReading(std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec) + shifted_clock.shift);
 }
 
 }  // namespace
@@ -78,11 +94,29 @@ ClockShift::ClockShift(std::chrono::microseconds shift) {
 }
 
 ClockShift::~ClockShift() {
-    clock_shift_us = 0;
+    Set(std::chrono::microseconds(0));
 }
 
 void ClockShift::Set(std::chrono::microseconds shift) {
-    clock_shift_us = shift.count();
+    const std::lock_guard<std::mutex> lock(shifted_clock.mutex);
+    shifted_clock.shift = shift;
+}
+
+SleptTime::SleptTime(std::chrono::microseconds start, std::function<void(int)> in_sleep)
+    : m_now(start), m_in_sleep(std::move(in_sleep)) {
+    time_of_this_thread = this;
+}
+
+SleptTime::~SleptTime() {
+    time_of_this_thread = nullptr;
+}
+
+void SleptTime::Sleep(std::chrono::nanoseconds duration) {
+    if (m_in_sleep) {
+        m_in_sleep(m_sleeps);
+    }
+    ++m_sleeps;
+    m_now += std::chrono::ceil<std::chrono::microseconds>(duration);
 }
 
 SchedulingWatch::SchedulingWatch(Answer answer) {
@@ -144,13 +178,25 @@ int __real_sched_setscheduler(pid_t pid, int policy, const sched_param* paramete
 int __real_sigaction(int signal, const struct sigaction* action, struct sigaction* old_action);
 
 int __wrap_nanosleep(const timespec* duration, timespec* rest) {
-    TarnTest::SleepWatch::Record(std::chrono::seconds(duration->tv_sec) + std::chrono::nanoseconds(duration->tv_nsec));
-    return MustFail(Call::Sleep, -1) ? -1 : __real_nanosleep(duration, rest);
+    const std::chrono::nanoseconds requested =
+        std::chrono::seconds(duration->tv_sec) + std::chrono::nanoseconds(duration->tv_nsec);
+    TarnTest::SleepWatch::Record(requested);
+    if (MustFail(Call::Sleep, -1)) {
+        return -1;
+    }
+    if (TarnTest::time_of_this_thread != nullptr) {
+        TarnTest::time_of_this_thread->Sleep(requested);
+        return 0;
+    }
+    return __real_nanosleep(duration, rest);
 }
 
 int __wrap_gettimeofday(timeval* time, void* zone) {
     const int result = __real_gettimeofday(time, zone);
     TarnTest::Shift(*time);
+    if (TarnTest::time_of_this_thread != nullptr) {
+        *time = TarnTest::ClockReading(TarnTest::time_of_this_thread->Now());
+    }
     return result;
 }
 

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <vector>
 
 /// What the runtime classes ask of the system: recorded, and the clock set by the test.
@@ -42,6 +43,31 @@ public:
     ClockShift& operator=(const ClockShift&) = delete;
 
     void Set(std::chrono::microseconds shift);
+};
+
+/// Time that passes in sleeps only, for the thread that makes the object and for as long as it lives: its nanosleep
+/// returns at once and has set the clock that its gettimeofday shows on by what it was asked for. One at a time for
+/// each thread.
+class SleptTime {
+public:
+    /// @param start     what the clock shows before the first sleep, since 1970.
+    /// @param in_sleep  called in each sleep, before its time has passed, with the number of sleeps before it.
+    explicit SleptTime(std::chrono::microseconds start, std::function<void(int)> in_sleep = nullptr);
+    ~SleptTime();
+    SleptTime(const SleptTime&) = delete;
+    SleptTime& operator=(const SleptTime&) = delete;
+
+    int Sleeps() const { return m_sleeps; }
+    std::chrono::microseconds Now() const { return m_now; }
+    void SetClock(std::chrono::microseconds now) { m_now = now; }
+
+    /// For what comes in between.
+    void Sleep(std::chrono::nanoseconds duration);
+
+private:
+    std::chrono::microseconds m_now;
+    int m_sleeps = 0;
+    const std::function<void(int)> m_in_sleep;
 };
 
 /// What sched_setscheduler was called with.

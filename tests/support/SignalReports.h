@@ -10,10 +10,19 @@
 #include <cstddef>
 #include <cstdio>
 #include <functional>
+#include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Eventually.h"
+#include "tests/support/OutputCapture.h"
 #include "tests/support/Resources.h"
+
+/// Lets a function run into a fault, where the sanitizers would report it or fault themselves.
+#define TARN_FAULTS_ON_PURPOSE \
+    __attribute__((noinline, no_sanitize("address"), no_sanitize("thread"), no_sanitize("undefined")))
 
 /// What the signal handler prints, and what its callback is told.
 namespace TarnTest {
@@ -28,6 +37,7 @@ struct SignalCode {
 
 /// How the codes of one signal are decoded.
 struct SignalDecoder {
+    const char* name;
     int signal;
     void (*decode)(int code, std::string& text);
     std::string unknown;            ///< what a code that is not known reads, its number left out
@@ -35,10 +45,15 @@ struct SignalDecoder {
     int last;                       ///< the last one of these
 };
 
+inline void PrintTo(const SignalDecoder& decoder, std::ostream* out) {
+    *out << decoder.name;
+}
+
 inline const std::vector<SignalDecoder>& SignalDecoders() {
     using TarnSocketIO::CSignalHandler;
     static const std::vector<SignalDecoder> decoders = {
-        {SIGPOLL,
+        {"SIGPOLL",
+         SIGPOLL,
          CSignalHandler::ParseSIGPOLL,
          "POLL: unknown value ",
          {{POLL_IN, "POLL: data available"},
@@ -49,13 +64,15 @@ inline const std::vector<SignalDecoder>& SignalDecoders() {
           {POLL_HUP, "POLL: remote descriptor closed"},
           {SI_SIGIO, "POLL: IO ready"}},
          POLL_HUP},
-        {SIGSEGV,
+        {"SIGSEGV",
+         SIGSEGV,
          CSignalHandler::ParseSIGSEGV,
          "SEGMENTATION FAULT: unknown value ",
          {{SEGV_MAPERR, "SEGMENTATION FAULT: address not mapped to object"},
           {SEGV_ACCERR, "SEGMENTATION FAULT: invalid permissions for mapped object"}},
          SEGV_ACCERR},
-        {SIGILL,
+        {"SIGILL",
+         SIGILL,
          CSignalHandler::ParseSIGILL,
          "ILLEGAL: unknown value ",
          {{ILL_ILLOPC, "ILLEGAL: illegal opcode"},
@@ -67,7 +84,8 @@ inline const std::vector<SignalDecoder>& SignalDecoders() {
           {ILL_COPROC, "ILLEGAL: coprocessor error"},
           {ILL_BADSTK, "ILLEGAL: internal stack error"}},
          ILL_BADSTK},
-        {SIGFPE,
+        {"SIGFPE",
+         SIGFPE,
          CSignalHandler::ParseSIGFPE,
          "FLOATING POINT EXCEPTION: unknown value ",
          {{FPE_INTDIV, "FLOATING POINT EXCEPTION: integer devide by zero"},
@@ -79,7 +97,8 @@ inline const std::vector<SignalDecoder>& SignalDecoders() {
           {FPE_FLTINV, "FLOATING POINT EXCEPTION: floating point invalid operation"},
           {FPE_FLTSUB, "FLOATING POINT EXCEPTION: subscript out of range"}},
          FPE_FLTSUB},
-        {SIGBUS,
+        {"SIGBUS",
+         SIGBUS,
          CSignalHandler::ParseSIGBUS,
          "BUS: unknown value ",
          {{BUS_ADRALN, "BUS: invalid address alignment"},
@@ -113,6 +132,18 @@ inline std::string CaughtLines(const std::string& text, const void* address = nu
            (address != nullptr ? "\n\t\tAt address " + PointerText(address) + "\n" : "") + "\n";
 }
 
+/// The text that a record has to be printed with.
+inline std::string TextOf(const siginfo_t& record) {
+    for (const SignalDecoder& decoder : SignalDecoders()) {
+        if (decoder.signal == record.si_signo) {
+            std::string text;
+            decoder.decode(record.si_code, text);
+            return text;
+        }
+    }
+    return record.si_signo == SIGINT ? "SIGINT" : record.si_signo == SIGTERM ? "SIGTERM" : "unknown";
+}
+
 /// What the handler prints.
 inline std::string Report(int signal, const void* callback, const std::string& text, const void* address = nullptr) {
     return GotLine(signal, callback) + CaughtLines(text, address);
@@ -129,6 +160,14 @@ inline siginfo_t SignalRecord(int signal, int code) {
 /// thread; any thread that does not block the signal may get it.
 inline bool SendToItself(siginfo_t record) {
     return syscall(SYS_rt_sigqueueinfo, getpid(), record.si_signo, &record) == 0;
+}
+
+TARN_FAULTS_ON_PURPOSE inline int ReadFrom(const volatile void* address) {
+    return *static_cast<const volatile char*>(address);
+}
+
+TARN_FAULTS_ON_PURPOSE inline void WriteTo(volatile void* address) {
+    *static_cast<volatile char*>(address) = 1;
 }
 
 /// What a callback was told.
@@ -190,6 +229,29 @@ private:
     std::atomic<bool> m_has_overlapped{false};
 };
 
+/// A handler with a callback that remembers; that it registers is not shown.
+class HandlerWithRecorder {
+public:
+    HandlerWithRecorder() {
+        const OutputCapture registration;
+        m_handler = std::make_unique<TarnSocketIO::CSignalHandler>(&recorder);
+    }
+
+    TarnSocketIO::CSignalHandler& operator*() const { return *m_handler; }
+
+    void DestroyHandler() { m_handler.reset(); }
+
+    /// Waits until so many calls of the callback have returned.
+    bool HasBeenTold(std::size_t times) const {
+        return Eventually([this, times] { return recorder.Calls() >= times; });
+    }
+
+    SignalRecorder recorder;
+
+private:
+    std::unique_ptr<TarnSocketIO::CSignalHandler> m_handler;
+};
+
 inline std::vector<int> MembersOf(const sigset_t& set) {
     std::vector<int> members;
     for (int signal = 1; signal < NSIG; ++signal) {
@@ -228,6 +290,44 @@ inline Disposition DispositionOf(int signal) {
 /// As the handler installs it.
 inline Disposition HandledWith(const std::vector<int>& mask) {
     return {TarnSocketIO::CSignalHandler::SignalHandler, SA_SIGINFO, mask};
+}
+
+/// Ends the process in the callback, and leaves to its parent what it was told.
+class EndProcess : public TarnSocketIO::CSignalHandlerBase {
+public:
+    static constexpr int status = 42;
+
+    explicit EndProcess(ToldSignal& told) : m_told(told) {}
+
+    void HandleSignal(int signal, siginfo_t* info) override {
+        m_told = {signal, info != nullptr, *info, ThisThread()};
+        _exit(status);
+    }
+
+private:
+    ToldSignal& m_told;
+};
+
+/// The record that a handler gets which is not the library's, in a process that `happen` is run in.
+inline siginfo_t PlainRecord(const std::function<void()>& happen) {
+    static siginfo_t* record = nullptr;
+    const Shared<siginfo_t> shared;
+    record = &*shared;
+    ChildProcess child([&happen] {
+        struct sigaction action = {};
+        action.sa_flags = SA_SIGINFO;
+        action.sa_sigaction = [](int, siginfo_t* info, void*) {
+            *record = *info;
+            _exit(0);
+        };
+        for (const int signal : handled_signals) {
+            sigaction(signal, &action, nullptr);
+        }
+        happen();
+        pause();
+    });
+    child.ExitStatus();
+    return *shared;
 }
 
 }  // namespace TarnTest
