@@ -3,6 +3,7 @@
 #include <benchmark/benchmark.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <ctime>
@@ -75,10 +76,8 @@ bool MeasureLife(std::chrono::microseconds delay, Life& life, Priority... priori
 }
 
 double Median(const std::vector<Life>& lives, double Life::*part) {
-    std::vector<double> values;
-    for (const Life& life : lives) {
-        values.push_back(life.*part);
-    }
+    std::vector<double> values(lives.size());
+    std::transform(lives.begin(), lives.end(), values.begin(), [part](const Life& life) { return life.*part; });
     return Quantile(values, 0.5);
 }
 
