@@ -3,6 +3,7 @@
 #include <sched.h>
 
 #include <algorithm>
+#include <chrono>
 #include <limits>
 #include <new>
 
@@ -20,7 +21,6 @@ namespace {
 
 constexpr int no_priority = -1;
 constexpr long stop_timeout_seconds = 10;
-constexpr long steps_of_stop_timeout = stop_timeout_seconds * 1000 / detail::STEP_MS;
 
 void SetSchedulingOfThisThread(int policy, int priority) {
     sched_param parameters{};
@@ -87,13 +87,15 @@ void CSocketThread::SetIterationDelay(unsigned long seconds, unsigned long nanos
 }
 
 bool CSocketThread::Stop() {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point give_up = Clock::now() + std::chrono::seconds(stop_timeout_seconds);
     CUtility::Debug("CSocketThread::Stop - started");
     m_StopEvent.SetEvent();
     bool ok = m_EndedEvent.WaitOnEvent(stop_timeout_seconds, 0);
     // The event is never reset. So after a second Start it says nothing about the second thread, but this count does.
-    for (long step = 0; ok && m_pWorkers != nullptr && *m_pWorkers > 0; ++step) {
+    while (ok && m_pWorkers != nullptr && *m_pWorkers > 0) {
+        ok = Clock::now() < give_up;
         detail::PauseOneStep();
-        ok = step < steps_of_stop_timeout;
     }
     LogOutcomeOfStop(ok);
     return ok;

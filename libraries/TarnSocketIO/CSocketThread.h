@@ -73,7 +73,7 @@ public:
 
     /// Tells the thread to end after its current call of Do(), and waits for it, 10 seconds at most (of the system's
     /// clock: see CEvent::WaitOnEvent for what setting it does). Not to be called in Do(), which it would wait for. Of
-    /// an object that was started more than once it waits for all threads, up to 10 seconds more.
+    /// an object that was started more than once it waits for all threads.
     ///
     /// @return true if the thread has ended: the object is the caller's alone. False if Do() did not return in time, or
     ///         if the thread was never started: in the first case the thread ends by itself when Do() returns, and the

@@ -6,7 +6,7 @@
 namespace TarnSocketIO::detail {
 
 void PauseOneStep() {
-    timespec rest{0, STEP_MS * 1'000'000};
+    timespec rest{0, 3'000'000};
     while (::nanosleep(&rest, &rest) == -1 && errno == EINTR) {
     }
 }
