@@ -101,7 +101,7 @@ TEST(CSignalHandlerNested, TheCallbackLeavesTheMaskOfItsThreadAsItWas) {
 // A signal that hit the thread in the moment of registration used to hang it.
 TEST(CSignalHandlerNested, RegisteringGoesOnInARainOfSignals) {
     InChild([] {
-        constexpr std::size_t enough = 3000;
+        constexpr std::size_t enough = 500;
         SignalRecorder recorder;
         const CSignalHandler handler(&recorder);
         std::atomic<bool> done{false};
