@@ -6,6 +6,7 @@
 #include <ctime>
 #include <exception>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 #include <TarnSocketIO/detail/BoundedText.h>
@@ -138,6 +139,13 @@ private:
     char m_buffer[CUtility::LOG_ENTRY_SIZE + block];
     BoundedText m_text;
 };
+
+/// Wraps around where it leaves the range: times may come from outside.
+template <class Number>
+Number WrappingDifference(Number a, Number b) {
+    using Unsigned = std::make_unsigned_t<Number>;
+    return static_cast<Number>(static_cast<Unsigned>(a) - static_cast<Unsigned>(b));
+}
 
 bool IsUntaggedLogOn() {
     return CUtility::m_nLogDest > 0 && !CUtility::m_bHaveFilter && !CUtility::m_bHaveSubsystem;
@@ -335,12 +343,12 @@ void CUtility::ClearFilter() {
 }
 
 void CUtility::tvSub(const timeval& a, timeval& b) {
-    b.tv_usec -= a.tv_usec;
+    b.tv_usec = WrappingDifference(b.tv_usec, a.tv_usec);
     if (b.tv_usec < 0) {
-        b.tv_sec -= 1;
+        b.tv_sec = WrappingDifference<time_t>(b.tv_sec, 1);
         b.tv_usec += 1000000;
     }
-    b.tv_sec -= a.tv_sec;
+    b.tv_sec = WrappingDifference(b.tv_sec, a.tv_sec);
 }
 
 }  // namespace TarnSocketIO

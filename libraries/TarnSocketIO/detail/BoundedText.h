@@ -6,6 +6,11 @@
 
 namespace TarnSocketIO::detail {
 
+/// A text as the C library prints it, where it may be missing.
+inline const char* Printable(const char* text) {
+    return text != nullptr ? text : "(null)";
+}
+
 /// Copies text into a fixed field of `size` bytes: cut to fit, terminated, and zero behind it.
 void CopyText(char* field, std::size_t size, std::string_view text);
 

@@ -2,8 +2,11 @@
 
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/socket.h>
+#include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 
 /// The home of raw socket calls. Each is one system call; failures are -1 or false with errno set.
 namespace TarnSocketIO::detail {
@@ -11,14 +14,25 @@ namespace TarnSocketIO::detail {
 /// Every event that can be asked of poll for reading: 0x3B.
 constexpr short READ_EVENTS = POLLIN | POLLPRI | POLLERR | POLLHUP | POLLNVAL;
 
-/// An IPv4 socket that programs started by this one do not inherit.
+// Sockets that programs started by this one do not inherit. Their number is never 0, which is "none", also where the
+// process has no standard input.
+
+/// An IPv4 socket.
 int OpenSocket(int type, int protocol);
+
+/// A socket for link-layer frames, headers included. @param protocol  their type, host byte order.
+int OpenPacketSocket(std::uint16_t protocol);
 
 /// SO_LINGER: closing waits up to `seconds` for data on its way to the peer; 0 throws it away.
 bool SetLinger(int fd, int seconds);
 
 /// Binds to all interfaces. @param port  host byte order; more than 65,535 fails with EINVAL.
 bool BindToPort(int fd, unsigned int port);
+
+bool BindTo(int fd, const sockaddr_in& address);
+
+/// Binds a link-layer socket to the frames of one type on all interfaces. @param protocol  host byte order.
+bool BindToFrames(int fd, std::uint16_t protocol);
 
 /// IP_ADD_MEMBERSHIP on the interface that the routing table names. @param group  dotted quad.
 bool JoinMulticastGroup(int fd, const char* group);
@@ -27,6 +41,12 @@ bool Listen(int fd, int backlog);
 
 /// Ends both directions. Wakes whoever waits in accept or poll on the socket, which close alone does not.
 void ShutDown(int fd);
+
+/// Wakes whoever waits in poll or recv on the socket, without a word to the peer. Not for link-layer sockets.
+void WakeReaders(int fd);
+
+/// Waits until connected, also if signals come meanwhile.
+bool ConnectTo(int fd, const sockaddr_in& address);
 
 /// Waits until one of the records has an event. @return how many have; 0 when the time is over.
 int WaitForEvents(pollfd* records, std::size_t count, int timeout_ms);
@@ -37,7 +57,26 @@ int Accept(int fd, sockaddr_in& peer);
 /// One read that never waits.
 long Receive(int fd, char* buffer, std::size_t size);
 
+/// One read that never waits. @param from  gets the sender of a datagram; zero where there is none.
+long ReceiveFrom(int fd, char* buffer, std::size_t size, sockaddr_in& from);
+
+/// One read that never waits, into a prepared message.
+long ReceiveMessage(int fd, msghdr& message);
+
 /// One send that never waits and raises no SIGPIPE when the peer is gone.
 long SendNow(int fd, const char* data, std::size_t length);
+
+/// One datagram; never waits.
+long SendToNow(int fd, const char* data, std::size_t length, const sockaddr_in& to);
+
+/// One datagram; waits for room in the socket's buffer.
+long SendTo(int fd, const char* data, std::size_t length, const sockaddr* to, socklen_t to_length);
+
+// Of signal-driven I/O, each with the result of fcntl.
+
+int SetSignalOwner(int fd, pid_t owner);
+int SetSignal(int fd, int signal_number);
+int GetStatusFlags(int fd);
+int SetStatusFlags(int fd, int flags);
 
 }  // namespace TarnSocketIO::detail
