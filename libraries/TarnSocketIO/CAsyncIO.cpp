@@ -29,14 +29,12 @@ namespace {
 using Locker = CScopedLocker<CStaticMutex>;
 
 constexpr std::size_t max_connections = 20;
-constexpr std::size_t receive_length = 131070;
+constexpr std::size_t receive_length = detail::READ_LENGTH;
 constexpr int poll_timeout_ms = 500;
 constexpr int listen_backlog = 128;
 
 // Accepted connections inherit it. With 0, closing one would throw away data on its way to the peer.
 constexpr int linger_seconds = 1;
-
-constexpr short data_events = POLLIN | POLLPRI;
 
 /// Whether accept will fail in the same way if it is called again at once: descriptors or memory have run out, or there
 /// is no listener any more.
@@ -308,7 +306,7 @@ void CAsyncIO::PollListener() {
 }
 
 CAsyncIO::Outcome CAsyncIO::ReceiveOnce(const pollfd& ready, long& length) {
-    if ((ready.revents & data_events) == 0) {
+    if ((ready.revents & detail::DATA_EVENTS) == 0) {
         if ((ready.revents & POLLHUP) == 0) {
             return Outcome::Nothing;
         }

@@ -3,28 +3,29 @@
 #include <arpa/inet.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
-#include <iostream>
 #include <limits>
 #include <memory>
 #include <new>
 
+#include <TarnSocketIO/CMutex.h>
 #include <TarnSocketIO/CUtility.h>
 #include <TarnSocketIO/detail/BoundedText.h>
 #include <TarnSocketIO/detail/Descriptor.h>
 #include <TarnSocketIO/detail/HostNames.h>
 #include <TarnSocketIO/detail/PosixLock.h>
+#include <TarnSocketIO/detail/PrintLine.h>
 #include <TarnSocketIO/detail/SocketCalls.h>
 #include <TarnSocketIO/detail/SocketUse.h>
 
 namespace TarnSocketIO {
 
 using detail::PosixLock;
+using detail::SocketUse;
 
 namespace {
 
@@ -36,14 +37,6 @@ bool IsLength(long length) {
         errno = EINVAL;
     }
     return length >= 0;
-}
-
-void PrintFailedSend(const char* host, int error) {
-    // One insertion: so the line stays whole where several endpoints fail at the same time.
-    std::array<char, 512> line;
-    std::snprintf(line.data(), line.size(), "sendto (%.400s) failed with errno = %d (%s)\n", detail::Printable(host),
-                  error, std::strerror(error));
-    std::cout << line.data() << std::flush;
 }
 
 }  // namespace
@@ -72,29 +65,18 @@ CSocket::CSocket(unsigned int port, CONNECTION_TYPE type, const char* szGroup, b
     if (szLocalIf != nullptr) {
         detail::CopyText(m_szLocalIf, szLocalIf);
     }
-    LogOutcome("CSocket::CSocket - StartServer()", StartServer(port, szGroup, szLocalIf, threads));
+    CUtility::ConditionalDebug("CSocket::CSocket - StartServer()", StartServer(port, szGroup, szLocalIf, threads));
     GetLocalIPs();
 }
 
 CSocket::~CSocket() {
     CUtility::Debug("CSocket::~CSocket - called");
-    LogOutcome("CSocket::~CSocket - TerminateAll", TerminateAll());
+    CUtility::ConditionalDebug("CSocket::~CSocket - TerminateAll", TerminateAll());
     AwaitThreads();
     CloseWhatIsLeft();
     pthread_mutex_destroy(&m_SenderMutex);
     pthread_mutex_destroy(&m_ReceiverMutex);
     delete[] m_pLocalIPs;
-}
-
-void CSocket::LogOutcome(const char* text, bool ok) {
-    if (CUtility::m_nLogDest <= 0) {
-        return;
-    }
-    try {
-        CUtility::ConditionalDebug(text, ok);
-    } catch (const std::bad_alloc&) {
-        // There is no memory for the text: the line is lost, but the caller, often a thread's pass, gets no exception.
-    }
 }
 
 void CSocket::GetLocalIPs() {
@@ -118,7 +100,7 @@ void CSocket::GetLocalIPs() {
         m_pLocalIPs = local_ips.release();
         m_nLocalIPs = static_cast<std::int32_t>(addresses.size());
     } catch (const std::bad_alloc&) {
-        // Without memory there is no list.
+        // The list stays as it was: empty, where it is the first one.
     }
 }
 
@@ -130,9 +112,11 @@ bool CSocket::StartClient() {
         if (!m_bMulticastSender) {
             SetSocketOption(fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
         }
-        const linger no_time{1, 0};
-        SetSocketOption(fd, SOL_SOCKET, SO_LINGER, &no_time, sizeof no_time);
+        SwitchLingerOn(fd);
         SetSocketOption(fd, SOL_SOCKET, SO_SNDBUF, &send_buffer_size, sizeof send_buffer_size);
+        if (m_bLoopBackOff) {
+            SwitchMulticastLoopOff(fd);
+        }
     }
     m_socSender = fd;
     CUtility::Debug("CSocket::StartClient() - creating sender socket %d", fd);
@@ -140,6 +124,11 @@ bool CSocket::StartClient() {
         CUtility::Debug("CSocket::StartClient() - sender error %d", fd);
     }
     return fd >= 0;
+}
+
+int CSocket::SwitchLingerOn(int fd) {
+    const linger no_time{1, 0};
+    return SetSocketOption(fd, SOL_SOCKET, SO_LINGER, &no_time, sizeof no_time);
 }
 
 int CSocket::OpenSenderSocket() const {
@@ -185,7 +174,7 @@ bool CSocket::Connect(const char* host, unsigned int port) {
     }
     {
         const PosixLock lock(m_SenderMutex);
-        if (!detail::ConnectTo(SenderForRequests(), address)) {
+        if (!detail::ConnectTo(SenderUnderLock(), address)) {
             CUtility::Debug("CSocket::Connect - failed to connect with error %d", -1);
             return false;
         }
@@ -194,7 +183,7 @@ bool CSocket::Connect(const char* host, unsigned int port) {
     if (m_bReceiversRunning || m_pReceivers[0] != nullptr) {
         return false;
     }
-    m_bReceiversRunning = MakeReceiver(0) && StartReceiver(0);
+    m_bReceiversRunning = MakeReceiverThread(0) && StartReceiverThread(0);
     m_nReceiverThreads = 1;
     OnConnected();
     return true;
@@ -203,7 +192,8 @@ bool CSocket::Connect(const char* host, unsigned int port) {
 void CSocket::SelectInterface(char* ifname) {
     const char* const name = ifname != nullptr ? ifname : "";
     const auto length = static_cast<unsigned int>(std::strlen(name));
-    if (SetSocketOption(SenderForRequests(), SOL_SOCKET, SO_BINDTODEVICE, name, length) != 0) {
+    const SocketUse sender = UseSender();
+    if (SetSocketOption(sender.Get(), SOL_SOCKET, SO_BINDTODEVICE, name, length) != 0) {
         std::perror("selectinterface: ");
     }
 }
@@ -212,7 +202,15 @@ int CSocket::SetSocketOption(int fd, int level, int name, const void* value, uns
     return setsockopt(fd, level, name, value, length);
 }
 
-int CSocket::SenderForRequests() const {
+SocketUse CSocket::UseSender() {
+    return {m_socSender, m_nSenderUsers};
+}
+
+SocketUse CSocket::UseReceiver() {
+    return {m_fdReceiver, m_nReceiverUsers};
+}
+
+int CSocket::SenderUnderLock() const {
     const int fd = m_socSender;
     return fd > 0 ? fd : -1;
 }
@@ -225,13 +223,15 @@ bool CSocket::Send(const char* host, unsigned int port, const char* data, long l
         if (ConstructDestinationAddr(host, port, to)) {
             CUtility::Debug("CSocket::Send - to %s", detail::Printable(host));
             ok = IsLength(length) &&
-                 detail::SendToNow(SenderForRequests(), data, static_cast<std::size_t>(length), to) >= 0;
+                 detail::SendToNow(SenderUnderLock(), data, static_cast<std::size_t>(length), to) >= 0;
             if (!ok) {
-                PrintFailedSend(host, errno);
+                const int error = errno;
+                detail::PrintLine("sendto (%.400s) failed with errno = %d (%s)\n", detail::Printable(host), error,
+                                  std::strerror(error));
             }
         }
     }
-    LogOutcome("CSocket::Send - send", ok);
+    CUtility::ConditionalDebug("CSocket::Send - send", ok);
     return ok;
 }
 
@@ -240,7 +240,7 @@ bool CSocket::Send(const char* data, long length) {
         return false;
     }
     const PosixLock lock(m_SenderMutex);
-    const int fd = SenderForRequests();
+    const int fd = SenderUnderLock();
     return fd != -1 && IsLength(length) && detail::SendNow(fd, data, static_cast<std::size_t>(length)) != -1;
 }
 
@@ -291,7 +291,7 @@ void CSocket::CloseWhatIsLeft() {
     CloseReceiver();
     const CScopedLocker<CStaticMutex> lock(m_ListMutex);
     for (const int fd : m_SetAside) {
-        const detail::Descriptor closed_at_once(fd);
+        detail::CloseDescriptor(fd);
     }
     m_SetAside.clear();
 }

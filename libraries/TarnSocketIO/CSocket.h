@@ -73,14 +73,16 @@ class SocketUse;
 /// stopped in time. A stream server's notifications are those of CAsyncIO, with no lock held.
 ///
 /// **Errors** are a false result and a line in the debug log (CUtility), a few also a line on standard output. Nothing
-/// is thrown, but what OnConnected() throws. A peer that is gone never raises SIGPIPE. Signals that interrupt a wait
-/// end the pass, and the next one follows.
+/// is thrown, but what OnConnected() throws out of Connect, and OnTerminated() or OnReceivedEchoReply out of
+/// DataReceiver, where the receiver threads catch and log it. A peer that is gone never raises SIGPIPE. Signals that
+/// interrupt a wait for data end the pass, and the next one follows; connecting goes on after them.
 ///
 /// **Privileges.** CONNECTION_ICMP, CONNECTION_PACKET and SelectInterface need CAP_NET_RAW, UpdateARPTable
 /// CAP_NET_ADMIN, ports below 1024 CAP_NET_BIND_SERVICE. Without them the sockets are not made, and the log tells.
 class CSocket : public CConnectionAcceptor, public CAsyncIO {
 public:
-    /// Client constructor: opens nothing, looks up the addresses of this host (GetLocalIPs).
+    /// Client constructor: opens nothing, looks up the addresses of this host (GetLocalIPs), which may take as long as
+    /// a name server does.
     ///
     /// @param bSendOnly   InitialiseLocalSockets will make no receiver socket and no threads.
     /// @param bTimestamp  data is delivered with the time when it was read.
@@ -120,6 +122,9 @@ public:
     /// Connects a new sender socket (StartClient), waiting as long as the kernel tries; then starts one receiver thread
     /// and calls OnConnected(). That thread reads the receiver socket, if there is one, and not the connection.
     ///
+    /// While it waits, minutes for a host that is silent, the sender is locked, and Send, Disconnect and TerminateAll
+    /// wait, too. A sender that could not be connected stays open: Disconnect before the next try.
+    ///
     /// @return false if there is no socket, no address or no connection (ECONNREFUSED, ETIMEDOUT, ...); also, *with the
     ///         connection standing*, if a receiver thread runs already, as it does after a first Connect.
     bool Connect(const char* host, unsigned int port);
@@ -139,8 +144,8 @@ public:
     ///
     /// @param host    as for ConstructDestinationAddr, and so is port.
     /// @param length  0 to 65,507 bytes.
-    /// @return whether the kernel took it. If not, the reason is a line on standard output, "sendto (host) failed with
-    ///         errno = ...".
+    /// @return whether the kernel took it. If it did not, the reason is a line on standard output, "sendto (host)
+    /// failed with errno = ..."; an unknown host or port is only logged.
     bool Send(const char* host, unsigned int port, const char* data, long length);
 
     /// Sends on the connected sender, without waiting.
@@ -153,13 +158,14 @@ public:
     bool Send(int socket, const char* data, long length);
 
     /// Closes sender and receiver. A thread that waits for data on either returns from there; what has been read
-    /// before is still delivered. A connection is reset, as StartClient says.
+    /// before is still delivered. A connection is reset, as StartClient says. Waits for the sender lock, and until
+    /// everybody has left the sockets: moments, with CONNECTION_PACKET half a second.
     ///
     /// @return false, and nothing is closed, if there is no sender or this is a stream server.
     bool Disconnect();
 
-    /// Asks the resolver for all IPv4 addresses of gethostname(2)'s name, for #m_pLocalIPs. Called by both
-    /// constructors; later changes are not seen until it is called again.
+    /// Asks the resolver for all IPv4 addresses of gethostname(2)'s name, for #m_pLocalIPs, which may take as long as a
+    /// name server does. Called by both constructors; later changes are not seen until it is called again.
     void GetLocalIPs();
 
     // ---- the server side, receiving ----
@@ -173,7 +179,7 @@ public:
 
     /// Makes the sender and binds it to the local interface, makes the receiver (InitialiseReceiver; not for a
     /// send-only endpoint), and starts receiver threads. Called once more it makes new sockets, and threads that run
-    /// already stay.
+    /// already stay. After TerminateAll no threads are started any more.
     ///
     /// @param port       of the receiver, host byte order; 0 lets the kernel choose. Of no meaning for CONNECTION_ICMP
     ///                   and CONNECTION_PACKET.
@@ -215,7 +221,7 @@ public:
 
     /// Reads a message of known size, which must be there in one piece: one wait, one read, as ReceiveData.
     ///
-    /// @param size      of the buffer, and of the message.
+    /// @param size      of the buffer, and of the message; if negative, nothing is read.
     /// @param received  bytes read; 0 if there was nothing, -1 if the read failed.
     /// @return whether exactly `size` bytes were read. A shorter piece stays in the buffer and is not completed.
     bool ReceiveDataSensibly(char* buffer, long size, sockaddr_in* from, long& received, bool bSender);
@@ -228,29 +234,31 @@ public:
     ///         the destructor waits for it.
     bool TerminateAll();
 
-    // ---- multicast ----
+    // ---- multicast: from any thread, but not while InitialiseLocalSockets runs ----
 
     /// Joins a group on the receiver, with IP_ADD_MEMBERSHIP, and remembers it. From then on what this endpoint sends
-    /// to a group is not looped back to this host (IP_MULTICAST_LOOP). Prints "AddToGroup m_socReceiver %d szMTPGroup
-    /// %s". Any thread.
+    /// to any group is not looped back to this host (IP_MULTICAST_LOOP), to no program on it. Prints "AddToGroup
+    /// m_socReceiver %d szMTPGroup %s".
     ///
     /// @param szGroup  a dotted quad.
     /// @return false if there is no receiver, the text is null or no group, it has been joined already (EADDRINUSE), no
-    ///         interface has a route to it (ENODEV), or the process has no room for more (ENOBUFS: 20 per socket).
+    ///         interface has a route to it (ENODEV), or the socket has no room for more (ENOBUFS:
+    ///         net.ipv4.igmp_max_memberships, 20).
     bool AddToGroup(const char* szGroup);
 
-    /// Leaves a group, with IP_DROP_MEMBERSHIP; that it was not joined is ignored. Any thread.
+    /// Leaves a group, with IP_DROP_MEMBERSHIP; that it was not joined is ignored.
     ///
     /// @param bRemove  also forgets it, so that DropAllGroups does not leave it once more.
     void DropGroup(const char* szGroup, bool bRemove);
 
-    /// Leaves every remembered group and forgets them. Any thread.
+    /// Leaves every remembered group and forgets them.
     void DropAllGroups();
 
     // ---- ping, with CONNECTION_ICMP ----
 
     /// Sends one echo request (RFC 792) of 64 bytes: identifier is the process id, the sequence counts from 0. The
-    /// reply comes to OnReceivedEchoReply.
+    /// reply comes to OnReceivedEchoReply. A name is looked up with the sender locked; a full send buffer is waited
+    /// for.
     ///
     /// @param host  a name, of which the first IPv4 address counts, or an address. Text that has none, but that reads
     ///              as an address with a last octet of 255 (CIPString), is taken for a broadcast address.
@@ -300,8 +308,8 @@ public:
     /// Writes a permanent entry into the kernel's ARP table, with SIOCSARP on the receiver (CAP_NET_ADMIN).
     ///
     /// @param device  such as eth0, up to 15 characters.
-    /// @return false if there is no receiver, `device` is empty or unknown (ENODEV), or its network has no such address
-    ///         (ENETUNREACH).
+    /// @return false if there is no receiver, `device` is empty or unknown (ENODEV), or the privilege is missing
+    /// (EPERM).
     bool UpdateARPTable(const std::string& device, const CIPString& ip, CMacAddress& mac);
 
     /// Announces an address to the network: runs "arping -q -A -c1 -s SOURCE TARGET " through system(3), and waits for
@@ -345,6 +353,8 @@ public:
     void OnReceivedData(int socket, char* data, long length) override;
 
 protected:
+    // For derived classes to look at, on the controlling thread and in notifications; only the library changes them.
+
     static constexpr int MAX_RECEIVERS = 5;
 
     CIPString* m_pLocalIPs = nullptr;     ///< addresses of this host, made by GetLocalIPs; null if there are none
@@ -374,7 +384,7 @@ protected:
     char m_szLocalIf[64] = {};  ///< address of the local interface, empty for any
     const bool m_bTimestamp;
     timeval m_tvReceived{};  ///< the time of the last read, for an endpoint with time stamps
-    std::vector<std::string> m_Groups TARN_GUARDED_BY(m_ListMutex);  ///< joined, in order
+    std::vector<std::string> m_Groups TARN_GUARDED_BY(m_ListMutex);  ///< joined, in order; other threads change it, too
 
 public:
     /// How long a receive waits for data: milliseconds, 0 (the default) not at all, negative without end. May be set at
@@ -393,13 +403,17 @@ public:
     std::atomic<bool> m_bMulticastSender{false};
 
 private:
+    /// Whether a receive waits at once, or looks first what is there.
+    enum class Patience { Wait, LookFirst };
+
     CSocket(CONNECTION_TYPE type, bool multi_connection_server, bool send_only, bool timestamp);
 
-    static void LogOutcome(const char* text, bool ok);
-
     // CSocket.cpp
+    static int SwitchLingerOn(int fd);
     int OpenSenderSocket() const;
-    int SenderForRequests() const;
+    detail::SocketUse UseSender();
+    detail::SocketUse UseReceiver();
+    int SenderUnderLock() const;
     void CloseSender();
     void CloseReceiver();
     void CloseOrSetAside(int fd, const std::atomic<std::int32_t>& users);
@@ -408,27 +422,28 @@ private:
 
     // CSocket_receive.cpp
     void BindSender(const char* szLocalIf);
-    void StartReceivers(int threads);
-    bool MakeReceiver(int slot);
-    bool StartReceiver(int slot);
+    void StartReceiverThreads(int threads);
+    bool MakeReceiverThread(int slot);
+    bool StartReceiverThread(int slot);
+    void StopReceiverThreads();
+    bool AreThreadsLeft() const;
+    void AwaitThreads();
     int OpenReceiverSocket() const;
     void SetReceiverOptions(int fd) const;
     void BindReceiver(int fd) const;
     static void BindFrameReceiver(int fd);
     void ReceiveWhatIsThere(char* buffer);
     void Deliver(char* buffer, long length, const sockaddr_in* from);
-    bool Receive(char* buffer, long size, sockaddr_in* from, long& received, bool from_sender, bool look_first);
-    bool AwaitData(const detail::SocketUse& socket, bool look_first) const;
-    void StopAcceptorThread();
-    void StopReceivers();
-    bool AreThreadsLeft() const;
-    void AwaitThreads();
+    bool Receive(const detail::SocketUse& socket, Patience patience, char* buffer, long size, sockaddr_in* from,
+                 long& received);
+    bool AwaitData(const detail::SocketUse& socket, Patience patience) const;
 
     // CSocket_multicast.cpp
     void JoinStartGroup(int fd);
     bool JoinAndRemember(int fd, const char* group);
     ip_mreq MembershipOf(const char* group) const;
     void SwitchLoopBackOff(int fd);
+    static void SwitchMulticastLoopOff(int fd);
     void LeaveGroup(const char* group);
     bool Forget(const char* group);
 
@@ -443,9 +458,8 @@ private:
     std::atomic<std::int32_t> m_nSenderUsers{0};
     std::atomic<std::int32_t> m_nReceiverUsers{0};
 
-    std::atomic<bool> m_bStopping{false};  ///< nobody receives any more
-    bool m_bAcceptorToStop = false;
-    bool m_bReceiverStarted[MAX_RECEIVERS] = {};
+    std::atomic<bool> m_bStopping{false};     ///< nobody receives any more
+    std::atomic<bool> m_bLoopBackOff{false};  ///< a group has been joined: no sender loops back
 
     CStaticMutex m_ListMutex;  ///< no other lock is taken while it is held
     std::vector<std::int32_t> m_SetAside TARN_GUARDED_BY(m_ListMutex);

@@ -40,14 +40,6 @@ void CountDown(std::atomic<int>& workers) {
     }
 }
 
-void LogOutcomeOfStop(bool ok) {
-    try {
-        CUtility::ConditionalDebug("CSocketThread::Stop - wait for thread sync", ok);
-    } catch (const std::bad_alloc&) {
-        // There is no memory for the text: the line is lost, but the caller, often a destructor, gets no exception.
-    }
-}
-
 }  // namespace
 
 CSocketThread::CSocketThread() : m_nPriority(no_priority), m_Thread(), m_nDelaySeconds(0), m_nDelayNanoseconds(0) {}
@@ -93,12 +85,16 @@ bool CSocketThread::Stop() {
     m_StopEvent.SetEvent();
     bool ok = m_EndedEvent.WaitOnEvent(stop_timeout_seconds, 0);
     // The event is never reset. So after a second Start it says nothing about the second thread, but this count does.
-    while (ok && m_pWorkers != nullptr && *m_pWorkers > 0) {
+    while (ok && IsRunning()) {
         ok = Clock::now() < give_up;
         detail::PauseOneStep();
     }
-    LogOutcomeOfStop(ok);
+    CUtility::ConditionalDebug("CSocketThread::Stop - wait for thread sync", ok);
     return ok;
+}
+
+bool CSocketThread::IsRunning() const {
+    return m_pWorkers != nullptr && *m_pWorkers > 0;
 }
 
 void CSocketThread::AssignDefaultScheduling(int priority, int policy) {

@@ -34,9 +34,10 @@ namespace TarnSocketIO {
 /// **One life.** Start an object once. A second Start() before Stop() makes a second thread, and both run Do() at the
 /// same time; after Stop() it makes a thread that calls Do() once and ends. Make a new object instead.
 ///
-/// **Threads.** ThreadStarted() and Do() run on the worker thread. Start(), Stop() and SetIterationDelay() are for the
-/// thread that owns the object, one at a time. The worker is never joined nor cancelled: the system takes its resources
-/// back when it has ended. It must not be ended from outside (pthread_cancel), nor by pthread_exit in Do().
+/// **Threads.** ThreadStarted() and Do() run on the worker thread. Start(), Stop(), IsRunning() and SetIterationDelay()
+/// are for the thread that owns the object, one at a time. The worker is never joined nor cancelled: the system takes
+/// its resources back when it has ended. It must not be ended from outside (pthread_cancel), nor by pthread_exit in
+/// Do().
 ///
 /// **Log** (CUtility), in this order: "CSocketThread::ThreadProc - started", the outcome of setting a priority if there
 /// was one to set, "CSocketThread::ThreadProc - Do threw exception!" for each call that threw,
@@ -79,6 +80,10 @@ public:
     ///         if the thread was never started: in the first case the thread ends by itself when Do() returns, and the
     ///         object must live until then; Stop() may be called again to wait for that.
     bool Stop();
+
+    /// @return whether a thread that Start made has not left the object yet: false before the first Start, and after
+    ///         Stop has returned true.
+    bool IsRunning() const;
 
     /// Sets the scheduling of all threads that are started with priority -1 from now on, in the whole process. Any
     /// thread may call it.

@@ -47,7 +47,7 @@ bool CSocket::EnableSignalIO() {
     if (m_socReceiver < 0) {
         return false;
     }
-    const SocketUse receiver(m_fdReceiver, m_nReceiverUsers);
+    const SocketUse receiver = UseReceiver();
     // Kept: an endpoint without a receiver means descriptor 0.
     const int fd = m_socReceiver == 0 ? 0 : receiver.Get();
     if (detail::SetSignalOwner(fd, getpid()) == -1) {
@@ -72,15 +72,9 @@ bool CSocket::EnableSignalIO() {
 }
 
 int CSocket::DisableSignalIO() {
-    const SocketUse receiver(m_fdReceiver, m_nReceiverUsers);
+    const SocketUse receiver = UseReceiver();
     const int fd = m_socReceiver == 0 ? 0 : receiver.Get();
     return detail::SetStatusFlags(fd, detail::GetStatusFlags(fd) & ~O_ASYNC);
-}
-
-bool CSocket::RepairReceiverSocket() {
-    DropAllGroups();
-    CloseReceiver();
-    return InitialiseReceiver();
 }
 
 bool CSocket::UpdateARPTable(const std::string& device, const CIPString& ip, CMacAddress& mac) {
@@ -94,7 +88,7 @@ bool CSocket::UpdateARPTable(const std::string& device, const CIPString& ip, CMa
     arpreq request = PermanentEntry(device, ip, mac);
     // Kept: the bytes of the hardware address, not its text.
     CUtility::Debug("CSocket::UpdateARPTable - adding IP: %s MAC: %s", ip.c_str(), request.arp_ha.sa_data);
-    const SocketUse receiver(m_fdReceiver, m_nReceiverUsers);
+    const SocketUse receiver = UseReceiver();
     return ioctl(receiver.Get(), SIOCSARP, &request) != -1;
 }
 

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -139,7 +138,7 @@ bool ReadAsBroadcast(const char* host, Destination& destination) {
 
 bool CSocket::SendPingEchoRequest(const char* host) {
     const PosixLock lock(m_SenderMutex);
-    const int fd = SenderForRequests();
+    const int fd = SenderUnderLock();
     Destination destination;
     if (!Resolve(host, destination) && !ReadAsBroadcast(host, destination)) {
         std::puts("CSocket::SendPingEchoRequest - failed to get address info");
@@ -164,7 +163,8 @@ bool CSocket::BindPingSenderAddress(IPv4::IPAddress address) {
         CloseSender();
     }
     StartClient();
-    if (!detail::BindTo(m_socSender, SockAddr().Init(address))) {
+    const SocketUse sender = UseSender();
+    if (!detail::BindTo(sender.Get(), SockAddr().Init(address))) {
         std::perror("bind");
         // Kept: the text is the one of InitialiseLocalSockets.
         CUtility::Debug("CSocket::InitialiseLocalSockets sender socket failed to bind %d", -1);
@@ -174,10 +174,10 @@ bool CSocket::BindPingSenderAddress(IPv4::IPAddress address) {
 }
 
 bool CSocket::ReceiveEchoReply(msghdr& msg, iovec& /*iov*/, int& length, timeval& arrival) {
-    const SocketUse receiver(m_fdReceiver, m_nReceiverUsers);
+    const SocketUse receiver = UseReceiver();
     pollfd record{receiver.Get(), detail::READ_EVENTS, 0};
     if (receiver.Get() == -1 || detail::WaitForEvents(&record, 1, 0) == 0 ||
-        (record.revents & (POLLIN | POLLPRI)) == 0) {
+        (record.revents & detail::DATA_EVENTS) == 0) {
         return false;
     }
     const auto result = static_cast<int>(detail::ReceiveMessage(receiver.Get(), msg));

@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <new>
 #include <utility>
@@ -29,12 +28,12 @@ bool CSocket::AddToGroup(const char* szGroup) {
     if (m_socReceiver == 0 || szGroup == nullptr) {
         return false;
     }
-    const SocketUse receiver(m_fdReceiver, m_nReceiverUsers);
+    const SocketUse receiver = UseReceiver();
     const bool ok = JoinAndRemember(receiver.Get(), szGroup);
     if (ok) {
         CUtility::Debug("CSocket::AddToGroup - added group to vector");
     }
-    LogOutcome("CSocket::AddToGroup - join multicast group", ok);
+    CUtility::ConditionalDebug("CSocket::AddToGroup - join multicast group", ok);
     if (ok) {
         SwitchLoopBackOff(receiver.Get());
     }
@@ -46,7 +45,7 @@ void CSocket::JoinStartGroup(int fd) {
     CUtility::Debug("CSocket::InitialiseReceiver - using specified interface? %s",
                     m_szLocalIf[0] != '\0' ? "Yes" : "No");
     const bool ok = JoinAndRemember(fd, m_szGroup);
-    LogOutcome("CSocket::InitialiseReceiver - join multicast group", ok);
+    CUtility::ConditionalDebug("CSocket::InitialiseReceiver - join multicast group", ok);
     if (ok) {
         SwitchLoopBackOff(fd);
     }
@@ -58,7 +57,7 @@ bool CSocket::JoinAndRemember(int fd, const char* group) {
         std::string text(group);
         const ip_mreq membership = MembershipOf(group);
         const Locker lock(m_ListMutex);
-        m_Groups.reserve(m_Groups.size() + 1);
+        m_Groups.reserve(m_Groups.size() + 1);  // the kernel's limit is 20, so growing by one does no harm
         if (SetSocketOption(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) < 0) {
             return false;
         }
@@ -77,11 +76,16 @@ ip_mreq CSocket::MembershipOf(const char* group) const {
 }
 
 void CSocket::SwitchLoopBackOff(int fd) {
+    SwitchMulticastLoopOff(fd);
+    // On Linux it is the sending socket's setting that counts: this one's, and that of every sender to come.
+    m_bLoopBackOff = true;
+    const SocketUse sender = UseSender();
+    SwitchMulticastLoopOff(sender.Get());
+}
+
+void CSocket::SwitchMulticastLoopOff(int fd) {
     const unsigned char off = 0;
     SetSocketOption(fd, IPPROTO_IP, IP_MULTICAST_LOOP, &off, sizeof off);
-    // On Linux it is the sending socket's setting that counts.
-    const SocketUse sender(m_socSender, m_nSenderUsers);
-    SetSocketOption(sender.Get(), IPPROTO_IP, IP_MULTICAST_LOOP, &off, sizeof off);
 }
 
 void CSocket::DropGroup(const char* szGroup, bool bRemove) {
@@ -97,7 +101,7 @@ void CSocket::DropGroup(const char* szGroup, bool bRemove) {
 
 void CSocket::LeaveGroup(const char* group) {
     const ip_mreq membership = MembershipOf(group);
-    const SocketUse receiver(m_fdReceiver, m_nReceiverUsers);
+    const SocketUse receiver = UseReceiver();
     SetSocketOption(receiver.Get(), IPPROTO_IP, IP_DROP_MEMBERSHIP, &membership, sizeof membership);
 }
 

@@ -3,11 +3,9 @@
 #include <net/ethernet.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstddef>
-#include <cstdio>
-#include <iostream>
+#include <iterator>
 #include <limits>
 #include <new>
 
@@ -17,6 +15,7 @@
 #include <TarnSocketIO/array_auto_ptr.h>
 #include <TarnSocketIO/detail/BoundedText.h>
 #include <TarnSocketIO/detail/PosixLock.h>
+#include <TarnSocketIO/detail/PrintLine.h>
 #include <TarnSocketIO/detail/SocketCalls.h>
 #include <TarnSocketIO/detail/SocketUse.h>
 
@@ -29,9 +28,6 @@ namespace {
 
 constexpr int receive_buffer_size = 0x1FFFE;
 constexpr int frame_buffer_size = 0x3FFFC;
-constexpr long receive_length = 131070;
-
-constexpr short data_events = POLLIN | POLLPRI;
 
 // A wait is cut into slices of this length, so that whoever waits looks up now and then: link-layer sockets cannot wake
 // their readers when they are closed.
@@ -40,13 +36,6 @@ constexpr int longest_slice_ms = 500;
 /// @return how long to wait next of a wait that has `rest` milliseconds to go, or no end.
 int SliceOf(int rest) {
     return rest < 0 ? longest_slice_ms : std::min(rest, longest_slice_ms);
-}
-
-/// Prints a line that ends with the reason of a failed call.
-void PrintErrno(const char* text, int error) {
-    std::array<char, 128> line;
-    std::snprintf(line.data(), line.size(), "%s%d\n", text, error);
-    std::cout << line.data() << std::flush;
 }
 
 }  // namespace
@@ -58,15 +47,14 @@ bool CSocket::StartServer(unsigned int port, const char* szGroup, const char* sz
     }
     const CONNECTION_TYPE type = GetConnectionType();
     if (type == CONNECTION_UDP || type == CONNECTION_DATAGRAM) {
-        LogOutcome("CSocket::StartServer StartClient for connectionless replies",
-                   InitialiseLocalSockets(port, szGroup, szLocalIf, threads));
+        CUtility::ConditionalDebug("CSocket::StartServer StartClient for connectionless replies",
+                                   InitialiseLocalSockets(port, szGroup, szLocalIf, threads));
     }
     if (m_bAcceptorRunning || type != CONNECTION_STREAM) {
         return true;
     }
-    m_bAcceptorToStop = RunAcceptor();
-    m_bAcceptorRunning = m_bAcceptorToStop;
-    LogOutcome("CSocket::StartServer - running connection acceptor", m_bAcceptorRunning);
+    m_bAcceptorRunning = !m_bTerminated && RunAcceptor();
+    CUtility::ConditionalDebug("CSocket::StartServer - running connection acceptor", m_bAcceptorRunning);
     return m_bAcceptorRunning;
 }
 
@@ -82,7 +70,7 @@ bool CSocket::InitialiseLocalSockets(unsigned int port, const char* szGroup, con
     if (StartClient()) {
         BindSender(szLocalIf);
         if (!m_bSendOnly) {
-            StartReceivers(threads);
+            StartReceiverThreads(threads);
         }
     }
     // Kept: what failed is in the log.
@@ -94,15 +82,16 @@ void CSocket::BindSender(const char* szLocalIf) {
     if (!ConstructDestinationAddr(szLocalIf, 0, address)) {
         return;
     }
+    const SocketUse sender = UseSender();
     if (m_bMulticastSender) {
-        // The kernel reads the interface's address at the place of the port's, and an index, which is zero, behind it.
-        SetSocketOption(m_socSender, IPPROTO_IP, IP_MULTICAST_IF, &address, sizeof address);
-    } else if (!detail::BindTo(m_socSender, address)) {
+        // The kernel looks for the interface's address where it is here, and for an index, which is zero, behind it.
+        SetSocketOption(sender.Get(), IPPROTO_IP, IP_MULTICAST_IF, &address, sizeof address);
+    } else if (!detail::BindTo(sender.Get(), address)) {
         CUtility::Debug("CSocket::InitialiseLocalSockets sender socket failed to bind %d", -1);
     }
 }
 
-void CSocket::StartReceivers(int threads) {
+void CSocket::StartReceiverThreads(int threads) {
     const int count = std::min(threads, MAX_RECEIVERS);
     m_nReceiverThreads = count;
     InitialiseReceiver();
@@ -110,24 +99,24 @@ void CSocket::StartReceivers(int threads) {
     for (int slot = 0; slot < count; ++slot) {
         CUtility::Debug("CSocket::InitialiseLocalSockets - starting receiver thread %d of %d", slot + 1, count);
         // Kept: once one could not be started, the later ones are made but not started.
-        m_bReceiversRunning = MakeReceiver(slot) && m_bReceiversRunning && StartReceiver(slot);
-        LogOutcome("CSocket::InitialiseLocalSockets - running receiver thread", m_bReceiversRunning);
+        m_bReceiversRunning = MakeReceiverThread(slot) && m_bReceiversRunning && StartReceiverThread(slot);
+        CUtility::ConditionalDebug("CSocket::InitialiseLocalSockets - running receiver thread", m_bReceiversRunning);
     }
 }
 
-bool CSocket::MakeReceiver(int slot) {
+bool CSocket::MakeReceiverThread(int slot) {
     if (m_pReceivers[slot] == nullptr) {
         m_pReceivers[slot] = new (std::nothrow) CDataReceiver(this);
     }
     return m_pReceivers[slot] != nullptr;
 }
 
-bool CSocket::StartReceiver(int slot) {
-    // One that runs already is as good as a new one: it reads whatever the receiver socket is.
-    if (!m_bReceiverStarted[slot]) {
-        m_bReceiverStarted[slot] = m_pReceivers[slot]->RunReceiver();
+bool CSocket::StartReceiverThread(int slot) {
+    if (m_bTerminated) {
+        return false;
     }
-    return m_bReceiverStarted[slot];
+    // One that runs already is as good as a new one: it reads whatever the receiver socket is.
+    return m_pReceivers[slot]->IsRunning() || m_pReceivers[slot]->RunReceiver();
 }
 
 bool CSocket::InitialiseReceiver() {
@@ -135,19 +124,21 @@ bool CSocket::InitialiseReceiver() {
     const int fd = OpenReceiverSocket();
     m_socReceiver = fd;
     m_fdReceiver = fd;
+    // From here on others may close it.
+    const SocketUse receiver = UseReceiver();
     if (fd >= 0) {
-        SetReceiverOptions(fd);
+        SetReceiverOptions(receiver.Get());
         CUtility::Debug("initialised receiver: m_socReceiver %d\n", fd);
     }
-    CUtility::Debug("CSocket::InitialiseReceiver - creating receiver socket %d, port %u if %s", fd, m_uiPort,
-                    m_szLocalIf);
+    CUtility::Debug("CSocket::InitialiseReceiver - creating receiver socket %d, port %d if %s", fd,
+                    static_cast<int>(m_uiPort), m_szLocalIf);
     if (GetConnectionType() == CONNECTION_PACKET) {
-        BindFrameReceiver(fd);
+        BindFrameReceiver(receiver.Get());
     } else {
-        BindReceiver(fd);
+        BindReceiver(receiver.Get());
     }
     if (m_szGroup[0] != '\0') {
-        JoinStartGroup(fd);
+        JoinStartGroup(receiver.Get());
     }
     return fd >= 0;
 }
@@ -157,18 +148,17 @@ int CSocket::OpenReceiverSocket() const {
 }
 
 void CSocket::SetReceiverOptions(int fd) const {
-    const linger no_time{1, 0};
-    if (SetSocketOption(fd, SOL_SOCKET, SO_LINGER, &no_time, sizeof no_time) == -1) {
-        PrintErrno("set_sock_opt(SO_LINGER) failed : errno = ", errno);
+    if (SwitchLingerOn(fd) == -1) {
+        detail::PrintLine("set_sock_opt(SO_LINGER) failed : errno = %d\n", errno);
     }
     const int on = 1;
     if (SetSocketOption(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == -1) {
-        PrintErrno("set_sock_opt(SO_REUSEADDR) failed : errno = ", errno);
+        detail::PrintLine("set_sock_opt(SO_REUSEADDR) failed : errno = %d\n", errno);
     }
     const int size = GetConnectionType() == CONNECTION_PACKET ? frame_buffer_size : receive_buffer_size;
     if (SetSocketOption(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) == -1) {
         // Kept: the text names the option before.
-        PrintErrno("set_sock_opt(SO_REUSEADDR) failed : errno = ", errno);
+        detail::PrintLine("set_sock_opt(SO_REUSEADDR) failed : errno = %d\n", errno);
     }
 }
 
@@ -178,8 +168,9 @@ void CSocket::BindReceiver(int fd) const {
         CUtility::Debug("CSocket::InitialiseReceiver - ConstructDestinationAddr failed");
     } else if (!detail::BindTo(fd, address)) {
         const int error = errno;
-        CUtility::Debug("CSocket::InitialiseReceiver - receiver socket bind failed %d (port %u)", -1, m_uiPort);
-        PrintErrno("CSocket::InitialiseReceiver - receiver socket bind failed errno = ", error);
+        CUtility::Debug("CSocket::InitialiseReceiver - receiver socket bind failed %d (port %d)", -1,
+                        static_cast<int>(m_uiPort));
+        detail::PrintLine("CSocket::InitialiseReceiver - receiver socket bind failed errno = %d\n", error);
     }
 }
 
@@ -187,6 +178,12 @@ void CSocket::BindFrameReceiver(int fd) {
     if (!detail::BindToFrames(fd, ETHERTYPE_IP)) {
         CUtility::Debug("CSocket::InitialiseReceiver - PF_PACKET receiver socket bind failed %d", -1);
     }
+}
+
+bool CSocket::RepairReceiverSocket() {
+    DropAllGroups();
+    CloseReceiver();
+    return InitialiseReceiver();
 }
 
 void CSocket::ConnectionAcceptor() {
@@ -200,13 +197,20 @@ void CSocket::ConnectionAcceptor() {
 }
 
 void CSocket::DataReceiver(unsigned long /*thread*/) {
+    if (m_bStopping) {
+        return;
+    }
     if (m_bMultiConnectionServer) {
         CAsyncIO::MultiConnectionPoller();
         return;
     }
     const PosixLock lock(m_ReceiverMutex);
+    // The pass before may have outlasted the end.
+    if (m_bStopping) {
+        return;
+    }
     // One more than a read may fill, for the terminator.
-    const array_auto_ptr<char> buffer(new (std::nothrow) char[receive_length + 1]);
+    const array_auto_ptr<char> buffer(new (std::nothrow) char[detail::READ_LENGTH + 1]);
     if (buffer.get() == nullptr) {
         CUtility::Debug("CSocket::DataReceiver - no memory for the receive buffer");
     } else if (GetConnectionType() == CONNECTION_ICMP) {
@@ -226,8 +230,8 @@ void CSocket::ReceiveWhatIsThere(char* buffer) {
     bool ok = false;
     do {
         // After a receive the next data is often there, and to look is cheaper than to wait.
-        const bool look_first = ok;
-        ok = Receive(buffer, receive_length, from, length, false, look_first) && length >= 0;
+        const Patience patience = ok ? Patience::LookFirst : Patience::Wait;
+        ok = Receive(UseReceiver(), patience, buffer, detail::READ_LENGTH, from, length) && length >= 0;
         if (ok) {
             Deliver(buffer, length, from);
         }
@@ -258,7 +262,9 @@ void CSocket::Deliver(char* buffer, long length, const sockaddr_in* from) {
 
 bool CSocket::ReceiveData(char* buffer, long& length, sockaddr_in* from, bool bSender) {
     long received = 0;
-    const bool ok = Receive(buffer, receive_length, from, received, bSender, false) && received != -1;
+    const bool ok =
+        Receive(bSender ? UseSender() : UseReceiver(), Patience::Wait, buffer, detail::READ_LENGTH, from, received) &&
+        received != -1;
     if (ok) {
         length = received;
     }
@@ -267,19 +273,20 @@ bool CSocket::ReceiveData(char* buffer, long& length, sockaddr_in* from, bool bS
 
 bool CSocket::ReceiveDataSensibly(char* buffer, long size, sockaddr_in* from, long& received, bool bSender) {
     received = 0;
-    return Receive(buffer, size, from, received, bSender, false) && received == size;
+    return Receive(bSender ? UseSender() : UseReceiver(), Patience::Wait, buffer, size, from, received) &&
+           received == size;
 }
 
-bool CSocket::Receive(char* buffer, long size, sockaddr_in* from, long& received, bool from_sender, bool look_first) {
-    const SocketUse socket(from_sender ? m_socSender : m_fdReceiver, from_sender ? m_nSenderUsers : m_nReceiverUsers);
-    if (!AwaitData(socket, look_first)) {
+bool CSocket::Receive(const SocketUse& socket, Patience patience, char* buffer, long size, sockaddr_in* from,
+                      long& received) {
+    if (size < 0 || !AwaitData(socket, patience)) {
         return false;
     }
     CUtility::Debug("CSocket::DataReceiver - received POLLIN or POLLPRI events");
     if (m_bTimestamp) {
         gettimeofday(&m_tvReceived, nullptr);
     }
-    const auto room = static_cast<std::size_t>(std::max(size, 0L));
+    const auto room = static_cast<std::size_t>(size);
     long result;
     if (from != nullptr && GetConnectionType() != CONNECTION_PACKET) {
         result = detail::ReceiveFrom(socket.Get(), buffer, room, *from);
@@ -294,10 +301,10 @@ bool CSocket::Receive(char* buffer, long size, sockaddr_in* from, long& received
     return true;
 }
 
-bool CSocket::AwaitData(const SocketUse& socket, bool look_first) const {
+bool CSocket::AwaitData(const SocketUse& socket, Patience patience) const {
     pollfd record{socket.Get(), detail::READ_EVENTS, 0};
     int rest = m_iPollTimeout;
-    int slice = look_first ? 0 : SliceOf(rest);
+    int slice = patience == Patience::LookFirst ? 0 : SliceOf(rest);
     int ready;
     do {
         if (!socket.IsCurrent() || m_bStopping) {
@@ -307,7 +314,7 @@ bool CSocket::AwaitData(const SocketUse& socket, bool look_first) const {
         rest -= rest > 0 ? slice : 0;
         slice = SliceOf(rest);
     } while (ready == 0 && slice != 0);
-    return (record.revents & data_events) != 0;
+    return (record.revents & detail::DATA_EVENTS) != 0;
 }
 
 bool CSocket::TerminateAll() {
@@ -316,52 +323,49 @@ bool CSocket::TerminateAll() {
     }
     m_bStopping = true;
     const bool ok = Disconnect();
-    LogOutcome("CSocket::TerminateAll - Disconnect()", ok);
+    CUtility::ConditionalDebug("CSocket::TerminateAll - Disconnect()", ok);
     DropAllGroups();
     CAsyncIO::StopListener();
     if (m_bAcceptorRunning) {
         CUtility::Debug("CSocket::TerminateAll - stopping acceptor thread");
+        StopAcceptor();
     }
-    StopAcceptorThread();
     if (m_bReceiversRunning) {
         CUtility::Debug("CSocket::TerminateAll - stopping receiver threads");
     }
     // Also where a later one could not be started, and the flag is down.
-    StopReceivers();
+    StopReceiverThreads();
     m_bTerminated = true;
-    m_bStopping = false;
+    // A thread that is still in a notification finds nothing to receive when it comes back.
+    m_bStopping = AreThreadsLeft();
     return ok;
 }
 
-void CSocket::StopAcceptorThread() {
-    if (m_bAcceptorToStop && StopAcceptor()) {
-        m_bAcceptorToStop = false;
-    }
-}
-
-void CSocket::StopReceivers() {
-    for (int slot = 0; slot < MAX_RECEIVERS; ++slot) {
+void CSocket::StopReceiverThreads() {
+    for (CDataReceiver*& receiver : m_pReceivers) {
         // One that is still in a notification uses itself and the endpoint: it stays.
-        if (m_bReceiverStarted[slot] && !m_pReceivers[slot]->StopReceiver()) {
+        if (receiver == nullptr || (receiver->IsRunning() && !receiver->StopReceiver())) {
             continue;
         }
-        delete m_pReceivers[slot];
-        m_pReceivers[slot] = nullptr;
-        m_bReceiverStarted[slot] = false;
+        delete receiver;
+        receiver = nullptr;
     }
 }
 
 bool CSocket::AreThreadsLeft() const {
-    return m_bAcceptorToStop || std::find(m_bReceiverStarted, m_bReceiverStarted + MAX_RECEIVERS, true) !=
-                                    m_bReceiverStarted + MAX_RECEIVERS;
+    // Of the receivers only those that run are left after StopReceiverThreads.
+    return IsRunning() || std::any_of(std::begin(m_pReceivers), std::end(m_pReceivers),
+                                      [](const CDataReceiver* receiver) { return receiver != nullptr; });
 }
 
 void CSocket::AwaitThreads() {
     // What they use goes away now, so there is nothing else to do for as long as a notification takes.
     m_bStopping = true;
     while (AreThreadsLeft()) {
-        StopAcceptorThread();
-        StopReceivers();
+        if (IsRunning()) {
+            StopAcceptor();
+        }
+        StopReceiverThreads();
     }
 }
 

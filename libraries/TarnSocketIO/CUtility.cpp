@@ -193,7 +193,7 @@ void WriteMessageLocked(const Tags* tags, const char* fmt, va_list args) {
 /// Writes "text - succeeded" or "text - failed"; the ring never gets one.
 ///
 /// @param tags  null for an untagged message.
-void WriteOutcomeLocked(const Tags* tags, const std::string& text, bool ok) {
+void WriteOutcomeLocked(const Tags* tags, const char* text, bool ok) {
     if ((CUtility::m_nLogDest & 1) == 0) {
         return;
     }
@@ -201,7 +201,7 @@ void WriteOutcomeLocked(const Tags* tags, const std::string& text, bool ok) {
     if (tags != nullptr) {
         tags->AppendTo(line.Text());
     }
-    line.Text().Append(text.c_str());
+    line.Text().Append(text);
     line.Text().AppendWhole(ok ? " - succeeded" : " - failed");
     line.WriteToConsole();
 }
@@ -263,11 +263,15 @@ void CUtility::DebugLocal(std::string subsystem, std::string filter, const char*
 }
 
 void CUtility::ConditionalDebug(const std::string& text, bool ok) {
+    ConditionalDebug(text.c_str(), ok);
+}
+
+void CUtility::ConditionalDebug(const char* text, bool ok) {
     if (!IsUntaggedLogOn()) {
         return;
     }
     const PosixLock lock(m_mutex);
-    WriteOutcomeLocked(nullptr, text, ok);
+    WriteOutcomeLocked(nullptr, detail::Printable(text), ok);
 }
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
@@ -278,7 +282,7 @@ void CUtility::ConditionalDebugLocal(std::string subsystem, std::string filter, 
     const Tags tags{subsystem, filter};
     const PosixLock lock(m_mutex);
     if (tags.DoPassLocked()) {
-        WriteOutcomeLocked(&tags, text, ok);
+        WriteOutcomeLocked(&tags, text.c_str(), ok);
     }
 }
 

@@ -64,6 +64,9 @@ public:
     /// line the text is cut, not the outcome. Standard output only, also where the destination is the ring.
     static void ConditionalDebug(const std::string& text, bool ok);
 
+    /// As above, for a text that is no std::string yet: nothing is allocated, so the line comes also without memory.
+    static void ConditionalDebug(const char* text, bool ok);
+
     /// Writes the outcome "subsystem: filter: text - succeeded" or "... - failed" if the log is on and both tags pass.
     /// Standard output only, as ConditionalDebug.
     static void ConditionalDebugLocal(std::string subsystem, std::string filter, const std::string& text, bool ok);
@@ -105,7 +108,8 @@ public:
     /// untagged ones stay suppressed.
     static void ClearFilter();
 
-    /// `b = b - a` for two points in time, microseconds kept within 0 to 999,999. `a` is not changed.
+    /// `b = b - a` for two points in time. Microseconds are kept within 0 to 999,999 if both have them there; what
+    /// leaves the range of its type wraps around. `a` is not changed.
     static void tvSub(const timeval& a, timeval& b);
 
     static std::atomic<bool> m_bInitialised;           ///< set by the first Initialise, never cleared

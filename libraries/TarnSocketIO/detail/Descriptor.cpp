@@ -6,13 +6,17 @@
 
 namespace TarnSocketIO::detail {
 
-void Descriptor::Reset(int fd) {
-    if (m_fd > 0) {
+void CloseDescriptor(int fd) {
+    if (fd > 0) {
         const int error = errno;
         // Not tried again on EINTR: on Linux the number is free by then, and may be somebody else's.
-        ::close(m_fd);
+        ::close(fd);
         errno = error;
     }
+}
+
+void Descriptor::Reset(int fd) {
+    CloseDescriptor(m_fd);
     m_fd = fd;
 }
 

@@ -2,9 +2,11 @@
 
 namespace TarnSocketIO::detail {
 
-/// The one owner of a descriptor: closes it when it goes, and leaves errno as it was.
-///
-/// -1 and 0 are "none" and never closed: 0 is somebody's standard input.
+/// Closes a descriptor, and leaves errno as it was. -1 and 0 are "none" and never closed: 0 is somebody's standard
+/// input.
+void CloseDescriptor(int fd);
+
+/// The one owner of a descriptor: closes it when it goes, with CloseDescriptor.
 class Descriptor {
 public:
     explicit Descriptor(int fd = -1) : m_fd(fd) {}

@@ -14,12 +14,11 @@ namespace TarnSocketIO::detail {
 
 namespace {
 
-/// Away from the numbers of the standard streams, if the process has no standard input.
-int AwayFromZero(int fd) {
-    if (fd != 0) {
+int AwayFromStandardStreams(int fd) {
+    if (fd < 0 || fd > STDERR_FILENO) {
         return fd;
     }
-    const int higher = ::fcntl(fd, F_DUPFD_CLOEXEC, 3);
+    const int higher = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     const int error = errno;
     ::close(fd);
     errno = error;
@@ -45,11 +44,11 @@ int AwaitConnection(int fd) {
 }  // namespace
 
 int OpenSocket(int type, int protocol) {
-    return AwayFromZero(::socket(AF_INET, type | SOCK_CLOEXEC, protocol));
+    return AwayFromStandardStreams(::socket(AF_INET, type | SOCK_CLOEXEC, protocol));
 }
 
 int OpenPacketSocket(std::uint16_t protocol) {
-    return AwayFromZero(::socket(PF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(protocol)));
+    return AwayFromStandardStreams(::socket(PF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(protocol)));
 }
 
 bool SetLinger(int fd, int seconds) {

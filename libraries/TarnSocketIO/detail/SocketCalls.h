@@ -8,14 +8,20 @@
 #include <cstddef>
 #include <cstdint>
 
-/// The home of raw socket calls. Each is one system call; failures are -1 or false with errno set.
+/// The home of raw socket calls. Failures are -1 or false with errno set.
 namespace TarnSocketIO::detail {
 
 /// Every event that can be asked of poll for reading: 0x3B.
 constexpr short READ_EVENTS = POLLIN | POLLPRI | POLLERR | POLLHUP | POLLNVAL;
 
-// Sockets that programs started by this one do not inherit. Their number is never 0, which is "none", also where the
-// process has no standard input.
+/// Those after which there is something to read.
+constexpr short DATA_EVENTS = POLLIN | POLLPRI;
+
+/// The most that one read takes.
+constexpr long READ_LENGTH = 131070;
+
+// Sockets that programs started by this one do not inherit. Their numbers are never those of the standard streams,
+// also where the process has none of these: what it prints must not go out to the network, and 0 is "none".
 
 /// An IPv4 socket.
 int OpenSocket(int type, int protocol);

@@ -19,7 +19,7 @@ bool CloseUnused(int fd, const std::atomic<std::int32_t>& users) {
         WakeReaders(fd);
         PauseOneStep();
     }
-    const Descriptor closed_at_once(fd);
+    CloseDescriptor(fd);
     return true;
 }
 

@@ -1,0 +1,26 @@
+#include <TarnSocketIO/detail/PrintLine.h>
+
+#include <array>
+#include <cstdarg>
+#include <exception>
+#include <iostream>
+
+#include <TarnSocketIO/detail/BoundedText.h>
+
+namespace TarnSocketIO::detail {
+
+void PrintLine(const char* format, ...) noexcept {
+    std::array<char, 512> line{};
+    BoundedText text(line.data(), line.size(), 0);
+    va_list arguments;
+    va_start(arguments, format);
+    text.AppendFormat(format, arguments);
+    va_end(arguments);
+    try {
+        std::cout << line.data() << std::flush;
+    } catch (const std::exception&) {
+        // The stream is broken, and there is nobody else to tell.
+    }
+}
+
+}  // namespace TarnSocketIO::detail
