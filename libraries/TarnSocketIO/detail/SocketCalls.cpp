@@ -121,7 +121,8 @@ int Accept(int fd, sockaddr_in& peer) {
 }
 
 long Receive(int fd, char* buffer, std::size_t size) {
-    return ::recv(fd, buffer, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+    // No further flag: link-layer sockets refuse those that they do not know.
+    return ::recv(fd, buffer, size, MSG_DONTWAIT);
 }
 
 long ReceiveFrom(int fd, char* buffer, std::size_t size, sockaddr_in& from) {
