@@ -106,7 +106,7 @@ void CSocket::GetLocalIPs() {
 
 bool CSocket::StartClient() {
     SetAside(m_socSender.exchange(0));
-    const int fd = OpenSenderSocket();
+    const int fd = MakeRoomToSetAside() ? OpenSenderSocket() : -1;
     if (fd >= 0) {
         const int on = 1;
         if (!m_bMulticastSender) {
@@ -274,15 +274,23 @@ void CSocket::CloseOrSetAside(int fd, const std::atomic<std::int32_t>& users) {
     }
 }
 
-void CSocket::SetAside(int fd) {
-    if (fd <= 0) {
-        return;
-    }
+bool CSocket::MakeRoomToSetAside() {
     try {
         const CScopedLocker<CStaticMutex> lock(m_ListMutex);
-        m_SetAside.push_back(fd);
+        // For the sender and the receiver.
+        m_SetAside.reserve(m_SetAside.size() + 2);
+        return true;
     } catch (const std::bad_alloc&) {
-        // It stays open. To close it now would be worse: somebody may still be using it.
+        errno = ENOMEM;
+        return false;
+    }
+}
+
+void CSocket::SetAside(int fd) {
+    if (fd > 0) {
+        const CScopedLocker<CStaticMutex> lock(m_ListMutex);
+        // There is room: it was made before the socket was.
+        m_SetAside.push_back(fd);
     }
 }
 

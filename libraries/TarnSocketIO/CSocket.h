@@ -417,6 +417,7 @@ private:
     void CloseSender();
     void CloseReceiver();
     void CloseOrSetAside(int fd, const std::atomic<std::int32_t>& users);
+    bool MakeRoomToSetAside();
     void SetAside(int fd);
     void CloseWhatIsLeft();
 

@@ -2,13 +2,15 @@
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
 /// Failures of the system and of the memory, made to order.
 ///
 /// The program that links this must send its calls here, with the linker options
 ///
-///     -Wl,--wrap=socket,--wrap=setsockopt,--wrap=bind,--wrap=listen,--wrap=accept4,--wrap=poll
-///     -Wl,--wrap=recv,--wrap=send,--wrap=shutdown,--wrap=close,--wrap=gethostbyaddr_r
+///     -Wl,--wrap=socket,--wrap=setsockopt,--wrap=bind,--wrap=listen,--wrap=accept4,--wrap=connect,--wrap=poll
+///     -Wl,--wrap=recv,--wrap=recvfrom,--wrap=recvmsg,--wrap=send,--wrap=sendto,--wrap=shutdown,--wrap=close
+///     -Wl,--wrap=fcntl,--wrap=ioctl,--wrap=gethostname,--wrap=gethostbyaddr_r,--wrap=gethostbyname_r,--wrap=getaddrinfo
 ///
 /// and must hold the library statically: calls from inside a shared object go their own way. `operator new` is replaced
 /// here too. What nobody has ordered to fail is forwarded.
@@ -16,16 +18,35 @@ namespace TarnTest {
 
 enum class Call {
     Socket,
-    SetLinger,  ///< setsockopt with SO_LINGER
-    JoinGroup,  ///< setsockopt with IP_ADD_MEMBERSHIP
+    SetLinger,              ///< setsockopt with SO_LINGER; and so on
+    SetReuseAddress,        ///< SO_REUSEADDR
+    SetReceiveBuffer,       ///< SO_RCVBUF
+    SetSendBuffer,          ///< SO_SNDBUF
+    SetBroadcast,           ///< SO_BROADCAST
+    SetDevice,              ///< SO_BINDTODEVICE
+    SetMulticastInterface,  ///< IP_MULTICAST_IF
+    SetMulticastLoop,       ///< IP_MULTICAST_LOOP
+    JoinGroup,              ///< IP_ADD_MEMBERSHIP
+    LeaveGroup,             ///< IP_DROP_MEMBERSHIP
     Bind,
     Listen,
     Accept,
+    Connect,
     Poll,
-    Receive,
-    Send,
+    Receive,         ///< recv
+    ReceiveFrom,     ///< recvfrom
+    ReceiveMessage,  ///< recvmsg
+    Send,            ///< send
+    SendTo,          ///< sendto
     Shutdown,
     Close,
+    SetOwner,         ///< fcntl with F_SETOWN; and so on
+    SetSignal,        ///< F_SETSIG
+    GetFlags,         ///< F_GETFL
+    SetFlags,         ///< F_SETFL
+    Control,          ///< ioctl
+    GetHostName,      ///< gethostname
+    GetAddressInfo,   ///< getaddrinfo, which returns `error`
     Sleep,            ///< nanosleep; this and the four below are sent here by RuntimeCalls
     CreateMutex,      ///< pthread_mutex_init
     CreateThread,     ///< pthread_create
@@ -89,6 +110,25 @@ public:
 private:
     const std::string m_name;
 };
+
+/// Answers every lookup of a host name by gethostbyname_r in the resolver's place for as long as the object lives. One
+/// at a time.
+class ForwardLookup {
+public:
+    /// @param addresses  of every host, as dotted quads; none if no host is to be found.
+    /// @param room       bytes that the caller's buffer must have; with a smaller one the lookup fails with ERANGE. At
+    ///                   least what the entry needs is taken.
+    explicit ForwardLookup(const std::vector<std::string>& addresses, std::size_t room = 0);
+    ~ForwardLookup();
+    ForwardLookup(const ForwardLookup&) = delete;
+    ForwardLookup& operator=(const ForwardLookup&) = delete;
+
+    /// How many lookups there were, failed ones included.
+    int Asked() const;
+};
+
+/// How many blocks of `operator new` there are at this moment, whoever has asked for them.
+int CountBlocks();
 
 /// Remembers the last block of a kind that is allocated while the object lives. One at a time.
 class AllocationWatch {
