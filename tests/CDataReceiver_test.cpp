@@ -25,8 +25,6 @@ using std::chrono::milliseconds;
 using TarnSocketIO::CDataReceiver;
 using TarnSocketIO::CONNECTION_UDP;
 using TarnSocketIO::CSocketThread;
-using TarnTest::CountThreads;
-using TarnTest::EndpointEvent;
 using TarnTest::Eventually;
 using TarnTest::IsReadable;
 using TarnTest::LogCapture;

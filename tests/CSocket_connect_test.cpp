@@ -3,11 +3,13 @@
 #include <TarnSocketIO/ConnectionType.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <stdexcept>
@@ -26,14 +28,11 @@ namespace {
 
 using TarnSocketIO::CONNECTION_PACKET;
 using TarnSocketIO::CONNECTION_STREAM;
-using TarnSocketIO::CONNECTION_TYPE;
 using TarnSocketIO::CONNECTION_UDP;
 using TarnTest::BackgroundCall;
-using TarnTest::CountThreads;
 using TarnTest::Eventually;
 using TarnTest::FindUnusedPort;
 using TarnTest::HasBytes;
-using TarnTest::IsOpen;
 using TarnTest::IsReadable;
 using TarnTest::LogCapture;
 using TarnTest::LoopbackSocket;

@@ -164,7 +164,7 @@ TEST(CSocketClientConstructor, OpensNothingAndStartsNothing) {
         const std::size_t threads = CountThreads();
         const TestEndpoint endpoint(type);
         EXPECT_EQ(descriptors, CountOpenDescriptors());
-        EXPECT_EQ(threads, CountThreads());
+        EXPECT_LE(CountThreads(), threads);
         EXPECT_EQ(0, endpoint.m_socSender);
         EXPECT_EQ(0, endpoint.m_socReceiver);
     }

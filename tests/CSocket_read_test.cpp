@@ -252,7 +252,7 @@ TEST(CSocketReceiveData, OfABrokenConnectionIsFalseAndKeepsTheLength) {
     const Read read = connection.client.Receive(nullptr, true);
     EXPECT_FALSE(read.ok);
     EXPECT_EQ(untouched, read.length);
-    EXPECT_THAT(log.Messages(), ElementsAre(events_line));
+    EXPECT_EQ(1u, log.Count(events_line));
 }
 
 TEST(CSocketReceiveData, ReadsNoMoreThanItsLimitAtOnce) {

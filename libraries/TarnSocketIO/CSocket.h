@@ -173,8 +173,8 @@ public:
     /// What the server constructor starts: for CONNECTION_STREAM the listener (CAsyncIO::Initialise) and the acceptor
     /// thread, for CONNECTION_UDP and CONNECTION_DATAGRAM InitialiseLocalSockets, for the others nothing.
     ///
-    /// @return for CONNECTION_STREAM whether the acceptor thread has been started by this call, true otherwise. That
-    ///         sockets could not be made is only logged.
+    /// @return false if the acceptor thread of CONNECTION_STREAM could not be started, true otherwise. That sockets could
+    ///         not be made is only logged.
     bool StartServer(unsigned int port, const char* szGroup, const char* szLocalIf, int threads);
 
     /// Makes the sender and binds it to the local interface, makes the receiver (InitialiseReceiver; not for a
