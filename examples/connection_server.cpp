@@ -18,8 +18,6 @@
 #include <cstdio>
 #include <cstring>
 
-namespace {
-
 using TarnSocketIO::CSocket;
 
 class ConnectionServer : public CSocket {
@@ -61,6 +59,8 @@ private:
         close(socket);
     }
 };
+
+namespace {
 
 bool ParsePort(const char* text, std::uint16_t& port) {
     const char* const end = text + std::strlen(text);
