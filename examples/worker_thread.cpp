@@ -35,21 +35,17 @@ public:
     // The thread calls our Do(), so it has to end while there still is one: before the base class is destroyed, where
     // only Do()'s declaration is left. There is no other way than to wait for it.
     ~Metronome() override {
-        while (m_running && !Stop()) {
+        while (IsRunning() && !Stop()) {
         }
     }
 
     bool Begin(int priority) {
         SetIterationDelay(0, std::chrono::nanoseconds(pause).count());
-        m_running = Start(priority);
-        return m_running;
+        return Start(priority);
     }
 
     // A thread that was never started would let Stop() wait for its ten seconds.
-    bool End() {
-        m_running = m_running && !Stop();
-        return !m_running;
-    }
+    bool End() { return !IsRunning() || Stop(); }
 
     bool WaitUntilMeasured() { return m_measured.WaitOnEvent(60, 0); }
 
@@ -80,7 +76,6 @@ private:
         }
     }
 
-    bool m_running = false;
     CEvent m_measured;
 
     // The worker's own while it runs.

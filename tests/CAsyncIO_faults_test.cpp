@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/AllDescriptorsTaken.h"
 #include "tests/support/Datagrams.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/FailingCalls.h"
@@ -37,6 +38,7 @@ using TarnSocketIO::CONNECTION_DATAGRAM;
 using TarnSocketIO::CONNECTION_STREAM;
 using TarnSocketIO::CONNECTION_UDP;
 using TarnTest::accept_failed_line;
+using TarnTest::AllDescriptorsTaken;
 using TarnTest::AllocationWatch;
 using TarnTest::bind_failed_line;
 using TarnTest::Call;
@@ -79,34 +81,6 @@ bool IsInitialised(TestServer& server) {
     server.MultiConnectionPoller();
     return log.Count(uninitialised_line) == 0;
 }
-
-/// Leaves the process without a free descriptor number.
-class AllDescriptorsTaken {
-public:
-    AllDescriptorsTaken() {
-        getrlimit(RLIMIT_NOFILE, &m_limit);
-        rlimit lowered = m_limit;
-        lowered.rlim_cur = most;
-        setrlimit(RLIMIT_NOFILE, &lowered);
-        m_taken.reserve(most);
-        for (int fd; (fd = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)) != -1;) {
-            m_taken.push_back(fd);
-        }
-    }
-    ~AllDescriptorsTaken() {
-        for (const int fd : m_taken) {
-            close(fd);
-        }
-        setrlimit(RLIMIT_NOFILE, &m_limit);
-    }
-    AllDescriptorsTaken(const AllDescriptorsTaken&) = delete;
-    AllDescriptorsTaken& operator=(const AllDescriptorsTaken&) = delete;
-
-private:
-    static constexpr rlim_t most = 256;
-    rlimit m_limit{};
-    std::vector<int> m_taken;
-};
 
 /// A server whose notifications allocate nothing.
 class FrugalServer : public CAsyncIO {

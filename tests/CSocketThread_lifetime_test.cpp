@@ -215,6 +215,21 @@ TEST_F(CSocketThread, ObjectMayBeDeletedAsSoonAsStopHasReturnedTrue) {
     });
 }
 
+TEST_F(CSocketThread, RunsFromStartUntilStopHasReturnedTrue) {
+    std::atomic<bool> let_go{false};
+    Worker worker;
+    worker.on_do = [&] { Eventually([&] { return let_go.load(); }); };
+    EXPECT_FALSE(worker.IsRunning());
+    ASSERT_TRUE(worker.Start());
+    EXPECT_TRUE(worker.IsRunning());
+    ASSERT_TRUE(worker.WaitForCalls(1));
+    BackgroundCall stop([&] { return worker.Stop(); });
+    EXPECT_TRUE(worker.IsRunning());
+    let_go = true;
+    EXPECT_TRUE(stop.Result());
+    EXPECT_FALSE(worker.IsRunning());
+}
+
 TEST_F(CSocketThread, SecondStopWaitsForTheThreadOfASecondStart) {
     OnManyThreads(rounds, [] {
         const auto tally = MakeOnHeap<Tally>();

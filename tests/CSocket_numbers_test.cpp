@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/ChildProcess.h"
 #include "tests/support/Datagrams.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Resources.h"
@@ -28,6 +29,7 @@ using TarnSocketIO::CONNECTION_TYPE;
 using TarnSocketIO::CONNECTION_UDP;
 using TarnTest::Eventually;
 using TarnTest::HasBytes;
+using TarnTest::InChild;
 using TarnTest::IsOpen;
 using TarnTest::LoopbackSocket;
 using TarnTest::SendDatagram;
@@ -165,6 +167,22 @@ TEST(CSocketNumbers, ZeroIsNoSocketOfAnEndpoint) {
     SendDatagram(endpoint.ReceiverPort(), "x");
     EXPECT_TRUE(HasBytes(endpoint.m_socReceiver, 1));
     EXPECT_TRUE(endpoint.Disconnect());
+}
+
+// What a process without standard output prints must not go out to the network.
+TEST(CSocketNumbers, OfStandardStreamsAreNoSocketsOfAnEndpoint) {
+    InChild([] {
+        for (int number = STDIN_FILENO; number <= STDERR_FILENO; ++number) {
+            close(number);
+        }
+        TestEndpoint endpoint(CONNECTION_UDP);
+        endpoint.InitialiseLocalSockets(0, nullptr, "127.0.0.1", 0);
+        EXPECT_GT(endpoint.m_socSender, STDERR_FILENO);
+        EXPECT_GT(endpoint.m_socReceiver, STDERR_FILENO);
+        for (int number = STDIN_FILENO; number <= STDERR_FILENO; ++number) {
+            EXPECT_FALSE(IsOpen(number));
+        }
+    });
 }
 
 }  // namespace

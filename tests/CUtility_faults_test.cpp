@@ -21,6 +21,7 @@ using TarnTest::Log;
 using TarnTest::LooksLikeAStamp;
 using TarnTest::Message;
 using TarnTest::MessageOf;
+using TarnTest::OnlyMessage;
 using TarnTest::OutputOf;
 using TarnTest::Restart;
 using TarnTest::Start;
@@ -95,6 +96,21 @@ TEST_F(CUtility, PrefixTimestampWithoutMemoryIsEmptyAndReported) {
     EXPECT_EQ(stamp_lost, OutputWithoutMemory([&] { line = Log::PrefixTimestamp(text); }));
     EXPECT_EQ("", line);
     EXPECT_EQ("text", Message(Log::PrefixTimestamp(text)));
+}
+
+TEST_F(CUtility, OutcomeOfATextThatIsNoStringNeedsNoMemory) {
+    Start(1);
+    const char* const text = "a text that is longer than what a string keeps within itself";
+    EXPECT_EQ(std::string(text) + " - failed",
+              OnlyMessage(OutputWithoutMemory([&] { Log::ConditionalDebug(text, false); })));
+}
+
+TEST_F(CUtility, OutcomeOfNoTextIsWrittenAsTheCLibraryWould) {
+    const char* const none = nullptr;
+    EXPECT_EQ("(null) - succeeded", MessageOf([&] {
+                  Start(1);
+                  Log::ConditionalDebug(none, true);
+              }));
 }
 
 TEST_F(CUtility, NothingIsThrownWhenMemoryRunsOut) {

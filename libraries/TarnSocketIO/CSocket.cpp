@@ -106,7 +106,7 @@ void CSocket::GetLocalIPs() {
 
 bool CSocket::StartClient() {
     SetAside(m_socSender.exchange(0));
-    const int fd = MakeRoomToSetAside() ? OpenSenderSocket() : -1;
+    const int fd = MakeRoomToSetAside() ? detail::AwayFromStandardStreams(OpenSenderSocket()) : -1;
     if (fd >= 0) {
         const int on = 1;
         if (!m_bMulticastSender) {

@@ -16,11 +16,10 @@ namespace TarnSocketIO {
 ///
 ///     class Sampler : public TarnSocketIO::CSocketThread {
 ///     public:
-///         ~Sampler() override { while (m_running && !Stop()) {} }   // while there still is a Do() to run
-///         bool Begin() { SetIterationDelay(1, 500000000); return m_running = Start(-1); }   // every 1.5 s
+///         ~Sampler() override { while (IsRunning() && !Stop()) {} }   // while there still is a Do() to run
+///         bool Begin() { SetIterationDelay(1, 500000000); return Start(-1); }   // every 1.5 s
 ///     private:
 ///         void Do() override { ... }
-///         bool m_running = false;
 ///     };
 ///
 /// **Stop before you destroy.** The destructor of this class does not stop the thread, and could not: by then the

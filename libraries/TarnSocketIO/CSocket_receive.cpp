@@ -121,7 +121,7 @@ bool CSocket::StartReceiverThread(int slot) {
 
 bool CSocket::InitialiseReceiver() {
     SetAside(m_fdReceiver.exchange(-1));
-    const int fd = MakeRoomToSetAside() ? OpenReceiverSocket() : -1;
+    const int fd = MakeRoomToSetAside() ? detail::AwayFromStandardStreams(OpenReceiverSocket()) : -1;
     m_socReceiver = fd;
     m_fdReceiver = fd;
     // From here on others may close it.

@@ -8,7 +8,7 @@ namespace TarnSocketIO::detail {
 
 void CopyText(char* field, std::size_t size, std::string_view text) {
     const std::size_t length = std::min(text.size(), size - 1);
-    std::memcpy(field, text.data(), length);
+    std::memmove(field, text.data(), length);
     std::memset(field + length, 0, size - length);
 }
 

@@ -11,7 +11,8 @@ inline const char* Printable(const char* text) {
     return text != nullptr ? text : "(null)";
 }
 
-/// Copies text into a fixed field of `size` bytes: cut to fit, terminated, and zero behind it.
+/// Copies text into a fixed field of `size` bytes: cut to fit, terminated, and zero behind it. The text may
+/// be the field's own.
 void CopyText(char* field, std::size_t size, std::string_view text);
 
 template <std::size_t Size>

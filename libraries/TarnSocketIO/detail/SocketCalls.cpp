@@ -14,17 +14,6 @@ namespace TarnSocketIO::detail {
 
 namespace {
 
-int AwayFromStandardStreams(int fd) {
-    if (fd < 0 || fd > STDERR_FILENO) {
-        return fd;
-    }
-    const int higher = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    const int error = errno;
-    ::close(fd);
-    errno = error;
-    return higher;
-}
-
 /// A connect that a signal has interrupted goes on by itself: waits for its end. @return as connect.
 int AwaitConnection(int fd) {
     pollfd record{fd, POLLOUT, 0};
@@ -44,11 +33,22 @@ int AwaitConnection(int fd) {
 }  // namespace
 
 int OpenSocket(int type, int protocol) {
-    return AwayFromStandardStreams(::socket(AF_INET, type | SOCK_CLOEXEC, protocol));
+    return ::socket(AF_INET, type | SOCK_CLOEXEC, protocol);
 }
 
 int OpenPacketSocket(std::uint16_t protocol) {
-    return AwayFromStandardStreams(::socket(PF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(protocol)));
+    return ::socket(PF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(protocol));
+}
+
+int AwayFromStandardStreams(int fd) {
+    if (fd < 0 || fd > STDERR_FILENO) {
+        return fd;
+    }
+    const int higher = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    const int error = errno;
+    ::close(fd);
+    errno = error;
+    return higher;
 }
 
 bool SetLinger(int fd, int seconds) {

@@ -20,14 +20,19 @@ constexpr short DATA_EVENTS = POLLIN | POLLPRI;
 /// The most that one read takes.
 constexpr long READ_LENGTH = 131070;
 
-// Sockets that programs started by this one do not inherit. Their numbers are never those of the standard streams,
-// also where the process has none of these: what it prints must not go out to the network, and 0 is "none".
+// Sockets that programs started by this one do not inherit.
 
 /// An IPv4 socket.
 int OpenSocket(int type, int protocol);
 
 /// A socket for link-layer frames, headers included. @param protocol  their type, host byte order.
 int OpenPacketSocket(std::uint16_t protocol);
+
+/// Gives a new socket another number if it has got that of a standard stream, in a process that has closed these: what
+/// the process prints must not go out to the network, and 0 is "none".
+///
+/// @return its number; -1 if `fd` is negative, or if there is no other number (then it is closed).
+int AwayFromStandardStreams(int fd);
 
 /// SO_LINGER: closing waits up to `seconds` for data on its way to the peer; 0 throws it away.
 bool SetLinger(int fd, int seconds);
