@@ -173,7 +173,8 @@ public:
     /// What the server constructor starts: for CONNECTION_STREAM the listener (CAsyncIO::Initialise) and the acceptor
     /// thread, for CONNECTION_UDP and CONNECTION_DATAGRAM InitialiseLocalSockets, for the others nothing.
     ///
-    /// @return false if the acceptor thread of CONNECTION_STREAM could not be started, true otherwise. That sockets could
+    /// @return false if the acceptor thread of CONNECTION_STREAM could not be started, true otherwise. That sockets
+    /// could
     ///         not be made is only logged.
     bool StartServer(unsigned int port, const char* szGroup, const char* szLocalIf, int threads);
 
