@@ -42,6 +42,7 @@ using TarnTest::IsReadable;
 using TarnTest::LogCapture;
 using TarnTest::OutputOf;
 using TarnTest::SendDatagram;
+using TarnTest::ShellWatch;
 using TarnTest::TestEndpoint;
 using testing::Contains;
 using testing::ElementsAre;
@@ -76,6 +77,13 @@ public:
         return IsReadable(m_socReceiver);
     }
 };
+
+TEST(CSocketArpingCommand, IsThisTextWithABlankAtItsEnd) {
+    TestEndpoint endpoint(CONNECTION_UDP);
+    const ShellWatch shell(7 << 8);
+    EXPECT_EQ(7 << 8, endpoint.Arping(CIPString("10.0.0.2"), CIPString("10.0.0.1")));
+    EXPECT_EQ("arping -q -A -c1 -s 10.0.0.2 10.0.0.1 ", shell.Command());
+}
 
 }  // namespace
 

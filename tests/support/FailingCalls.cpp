@@ -58,6 +58,14 @@ struct ForwardLookupState {
 
 ForwardLookupState forward_lookup;
 
+struct ShellState {
+    std::atomic<bool> active{false};
+    int status = 0;
+    std::string command;
+};
+
+ShellState shell;
+
 /// A host's entry is written into the storage as the resolver does it.
 ///
 /// @return false if there is no room.
@@ -242,6 +250,20 @@ int ForwardLookup::Asked() const {
     return forward_lookup.asked;
 }
 
+ShellWatch::ShellWatch(int status) {
+    shell.status = status;
+    shell.command.clear();
+    shell.active = true;
+}
+
+ShellWatch::~ShellWatch() {
+    shell.active = false;
+}
+
+std::string ShellWatch::Command() const {
+    return shell.command;
+}
+
 int CountBlocks() {
     return block_count;
 }
@@ -269,6 +291,7 @@ std::size_t AllocationWatch::Size() const {
 
 using TarnTest::Call;
 using TarnTest::MustFail;
+using TarnTest::shell;
 
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker prescribes the names
 extern "C" {
@@ -289,6 +312,7 @@ ssize_t __real_recvmsg(int fd, msghdr* message, int flags);
 ssize_t __real_sendto(int fd, const void* data, std::size_t size, int flags, const sockaddr* to, socklen_t length);
 int __real_fcntl(int fd, int command, ...);
 int __real_ioctl(int fd, unsigned long request, ...);
+int __real_system(const char* command);
 int __real_gethostname(char* name, std::size_t size);
 int __real_getaddrinfo(const char* host, const char* service, const addrinfo* hints, addrinfo** found);
 int __real_gethostbyname_r(const char* name, hostent* entry, char* storage, std::size_t size, hostent** found,
@@ -362,6 +386,14 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
     void* const argument = va_arg(rest, void*);
     va_end(rest);
     return MustFail(Call::Control, fd) ? -1 : __real_ioctl(fd, request, argument);
+}
+
+int __wrap_system(const char* command) {
+    if (!shell.active) {
+        return __real_system(command);
+    }
+    shell.command = command;
+    return shell.status;
 }
 
 int __wrap_gethostname(char* name, std::size_t size) {

@@ -10,7 +10,8 @@
 ///
 ///     -Wl,--wrap=socket,--wrap=setsockopt,--wrap=bind,--wrap=listen,--wrap=accept4,--wrap=connect,--wrap=poll
 ///     -Wl,--wrap=recv,--wrap=recvfrom,--wrap=recvmsg,--wrap=send,--wrap=sendto,--wrap=shutdown,--wrap=close
-///     -Wl,--wrap=fcntl,--wrap=ioctl,--wrap=gethostname,--wrap=gethostbyaddr_r,--wrap=gethostbyname_r,--wrap=getaddrinfo
+///     -Wl,--wrap=fcntl,--wrap=ioctl,--wrap=system
+///     -Wl,--wrap=gethostname,--wrap=gethostbyaddr_r,--wrap=gethostbyname_r,--wrap=getaddrinfo
 ///
 /// and must hold the library statically: calls from inside a shared object go their own way. `operator new` is replaced
 /// here too. What nobody has ordered to fail is forwarded.
@@ -125,6 +126,19 @@ public:
 
     /// How many lookups there were, failed ones included.
     int Asked() const;
+};
+
+/// Takes the commands that are meant for the shell, in its place, for as long as the object lives. One at a time.
+class ShellWatch {
+public:
+    /// @param status  that system(3) returns.
+    explicit ShellWatch(int status);
+    ~ShellWatch();
+    ShellWatch(const ShellWatch&) = delete;
+    ShellWatch& operator=(const ShellWatch&) = delete;
+
+    /// The last one; empty if there was none.
+    std::string Command() const;
 };
 
 /// How many blocks of `operator new` there are at this moment, whoever has asked for them.
