@@ -144,8 +144,8 @@ public:
     ///
     /// @param host    as for ConstructDestinationAddr, and so is port.
     /// @param length  0 to 65,507 bytes.
-    /// @return whether the kernel took it. If it did not, the reason is a line on standard output, "sendto (host)
-    /// failed with errno = ..."; an unknown host or port is only logged.
+    /// @return whether the kernel took it. If it did not, a line on standard output says why ("sendto (host) failed
+    ///         with errno = ..."); an unknown host or port is only logged.
     bool Send(const char* host, unsigned int port, const char* data, long length);
 
     /// Sends on the connected sender, without waiting.
@@ -173,9 +173,8 @@ public:
     /// What the server constructor starts: for CONNECTION_STREAM the listener (CAsyncIO::Initialise) and the acceptor
     /// thread, for CONNECTION_UDP and CONNECTION_DATAGRAM InitialiseLocalSockets, for the others nothing.
     ///
-    /// @return false if the acceptor thread of CONNECTION_STREAM could not be started, true otherwise. That sockets
-    /// could
-    ///         not be made is only logged.
+    /// @return false if the acceptor thread of CONNECTION_STREAM could not be started, true otherwise. Sockets that
+    ///         could not be made are only logged.
     bool StartServer(unsigned int port, const char* szGroup, const char* szLocalIf, int threads);
 
     /// Makes the sender and binds it to the local interface, makes the receiver (InitialiseReceiver; not for a
@@ -310,7 +309,7 @@ public:
     ///
     /// @param device  such as eth0, up to 15 characters.
     /// @return false if there is no receiver, `device` is empty or unknown (ENODEV), or the privilege is missing
-    /// (EPERM).
+    ///         (EPERM).
     bool UpdateARPTable(const std::string& device, const CIPString& ip, CMacAddress& mac);
 
     /// Announces an address to the network: runs "arping -q -A -c1 -s SOURCE TARGET " through system(3), and waits for
