@@ -17,6 +17,7 @@
 #include <cstring>
 #include <string>
 
+#include "tests/support/AllDescriptorsTaken.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/ConnectionServer.h"
@@ -36,6 +37,7 @@ using TarnSocketIO::CONNECTION_STREAM;
 using TarnSocketIO::CONNECTION_TYPE;
 using TarnSocketIO::CONNECTION_UDP;
 using TarnSocketIO::CSocket;
+using TarnTest::AllDescriptorsTaken;
 using TarnTest::BackgroundCall;
 using TarnTest::CanOpen;
 using TarnTest::ChildProcess;
@@ -45,12 +47,12 @@ using TarnTest::Eventually;
 using TarnTest::IsOpen;
 using TarnTest::LingerOf;
 using TarnTest::LogCapture;
-using TarnTest::NoMoreDescriptors;
 using TarnTest::OptionOf;
 using TarnTest::OwnedDescriptor;
 using TarnTest::SocketKind;
 using TarnTest::TcpClient;
 using TarnTest::TestEndpoint;
+using TarnTest::UseAnEndpointOnce;
 using testing::ElementsAre;
 
 std::string CreatingLine(int fd) {
@@ -125,10 +127,11 @@ TEST_P(CSocketSender, IsLogged) {
 }
 
 TEST(CSocketStartClient, WithoutADescriptorLeftFails) {
+    UseAnEndpointOnce(CONNECTION_UDP);
     TestEndpoint endpoint(CONNECTION_UDP);
     const LogCapture log;
     {
-        const NoMoreDescriptors none;
+        const AllDescriptorsTaken none_left;
         EXPECT_FALSE(endpoint.StartClient());
     }
     EXPECT_EQ(-1, endpoint.m_socSender);

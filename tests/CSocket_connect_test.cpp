@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/AllDescriptorsTaken.h"
 #include "tests/support/BackgroundCall.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/LogCapture.h"
@@ -29,6 +30,7 @@ namespace {
 using TarnSocketIO::CONNECTION_PACKET;
 using TarnSocketIO::CONNECTION_STREAM;
 using TarnSocketIO::CONNECTION_UDP;
+using TarnTest::AllDescriptorsTaken;
 using TarnTest::BackgroundCall;
 using TarnTest::Eventually;
 using TarnTest::FindUnusedPort;
@@ -36,10 +38,10 @@ using TarnTest::HasBytes;
 using TarnTest::IsReadable;
 using TarnTest::LogCapture;
 using TarnTest::LoopbackSocket;
-using TarnTest::NoMoreDescriptors;
 using TarnTest::OwnedDescriptor;
 using TarnTest::PortOf;
 using TarnTest::TestEndpoint;
+using TarnTest::UseAnEndpointOnce;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -137,9 +139,12 @@ TEST_F(CSocketConnect, ToAnUnknownHostFailsBeforeConnecting) {
 }
 
 TEST_F(CSocketConnect, WithoutASocketFails) {
+    UseAnEndpointOnce(CONNECTION_STREAM);
     const LogCapture log;
-    const NoMoreDescriptors none;
-    EXPECT_FALSE(client.Connect("127.0.0.1", listener.Port()));
+    {
+        const AllDescriptorsTaken none_left;
+        EXPECT_FALSE(client.Connect("127.0.0.1", listener.Port()));
+    }
     EXPECT_THAT(log.Messages(), ElementsAre(CreatingLine(-1), "CSocket::StartClient() - sender error -1"));
     EXPECT_THAT(client.Events(), IsEmpty());
 }

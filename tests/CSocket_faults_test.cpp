@@ -44,6 +44,7 @@ using TarnTest::OutputOf;
 using TarnTest::SendDatagram;
 using TarnTest::ShellWatch;
 using TarnTest::TestEndpoint;
+using TarnTest::UseAnEndpointOnce;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -313,6 +314,7 @@ TEST(CSocketSocketFault, AReceiverThatCannotBeBoundIsToldTwice) {
 }
 
 TEST(CSocketSocketFault, WithoutDescriptorsNothingIsMadeAndAllOfItLater) {
+    UseAnEndpointOnce(CONNECTION_UDP);
     const std::size_t before = CountOpenDescriptors();
     {
         TestEndpoint endpoint(CONNECTION_UDP);

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/AllDescriptorsTaken.h"
 #include "tests/support/OutputLog.h"
 #include "tests/support/Resources.h"
 #include "tests/support/SocketState.h"
@@ -28,19 +29,20 @@ using TarnSocketIO::CONNECTION_STREAM;
 using TarnSocketIO::CONNECTION_TYPE;
 using TarnSocketIO::CONNECTION_UDP;
 using TarnTest::AddressOf;
+using TarnTest::AllDescriptorsTaken;
 using TarnTest::CanOpen;
 using TarnTest::CountOpenDescriptors;
 using TarnTest::FindUnusedPort;
 using TarnTest::IsOpen;
 using TarnTest::LingerOf;
 using TarnTest::LoopbackSocket;
-using TarnTest::NoMoreDescriptors;
 using TarnTest::OptionOf;
 using TarnTest::OutputLog;
 using TarnTest::OwnedDescriptor;
 using TarnTest::PortOf;
 using TarnTest::SocketKind;
 using TarnTest::TestEndpoint;
+using TarnTest::UseAnEndpointOnce;
 using testing::ElementsAre;
 
 using Lines = std::vector<std::string>;
@@ -176,11 +178,12 @@ TEST(CSocketInitialiseReceiver, OnTheSecondCallIsBoundThoughTheFirstHasThePort) 
 TEST(CSocketInitialiseReceiver, WithoutADescriptorLeftGoesThroughAllItsSteps) {
     for (const CONNECTION_TYPE type : {CONNECTION_STREAM, CONNECTION_UDP, CONNECTION_DATAGRAM, CONNECTION_ICMP}) {
         SCOPED_TRACE(type);
+        UseAnEndpointOnce(type);
         TestEndpoint endpoint(type);
         endpoint.m_uiPort = 7;
         const OutputLog log;
         {
-            const NoMoreDescriptors none;
+            const AllDescriptorsTaken none_left;
             EXPECT_FALSE(endpoint.InitialiseReceiver());
         }
         EXPECT_EQ(-1, endpoint.m_socReceiver);
@@ -192,11 +195,12 @@ TEST(CSocketInitialiseReceiver, WithoutADescriptorLeftGoesThroughAllItsSteps) {
 }
 
 TEST(CSocketInitialiseReceiver, WithoutADescriptorLeftCannotJoinItsGroupEither) {
+    UseAnEndpointOnce(CONNECTION_UDP);
     TestEndpoint endpoint(CONNECTION_UDP);
     std::strcpy(endpoint.m_szGroup, "239.1.2.3");
     const OutputLog log;
     {
-        const NoMoreDescriptors none;
+        const AllDescriptorsTaken none_left;
         EXPECT_FALSE(endpoint.InitialiseReceiver());
     }
     EXPECT_THAT(log.Lines(), testing::Contains("CSocket::InitialiseReceiver - join multicast group - failed"));
@@ -204,10 +208,11 @@ TEST(CSocketInitialiseReceiver, WithoutADescriptorLeftCannotJoinItsGroupEither) 
 }
 
 TEST(CSocketInitialiseReceiver, OfFramesWithoutADescriptorLeftTellsOfItsBind) {
+    UseAnEndpointOnce(CONNECTION_PACKET);
     TestEndpoint endpoint(CONNECTION_PACKET);
     const OutputLog log;
     {
-        const NoMoreDescriptors none;
+        const AllDescriptorsTaken none_left;
         EXPECT_FALSE(endpoint.InitialiseReceiver());
     }
     EXPECT_THAT(log.Lines(), ElementsAre(CreatingLine(-1, 0, ""),

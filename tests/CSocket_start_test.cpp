@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/AllDescriptorsTaken.h"
 #include "tests/support/ConnectionServer.h"
 #include "tests/support/Datagrams.h"
 #include "tests/support/EndpointMembers.h"
@@ -36,6 +37,7 @@ using TarnSocketIO::CONNECTION_TYPE;
 using TarnSocketIO::CONNECTION_UDP;
 using TarnSocketIO::CSocket;
 using TarnTest::AddressOf;
+using TarnTest::AllDescriptorsTaken;
 using TarnTest::ConnectionServer;
 using TarnTest::CountOpenDescriptors;
 using TarnTest::Eventually;
@@ -43,13 +45,13 @@ using TarnTest::FindUnusedPort;
 using TarnTest::HasBytes;
 using TarnTest::IsOpen;
 using TarnTest::LoopbackSocket;
-using TarnTest::NoMoreDescriptors;
 using TarnTest::OptionOf;
 using TarnTest::OutputLog;
 using TarnTest::PortOf;
 using TarnTest::SendDatagram;
 using TarnTest::TcpClient;
 using TarnTest::TestEndpoint;
+using TarnTest::UseAnEndpointOnce;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -337,12 +339,15 @@ TEST_F(CSocketLocalSockets, OnAnUnknownInterfaceAreMadeAndNotBound) {
 }
 
 TEST_F(CSocketLocalSockets, WithoutASenderAreNotOpenedAndNoThreadIsStarted) {
+    UseAnEndpointOnce(CONNECTION_UDP);
     TestEndpoint endpoint(CONNECTION_UDP);
     Lines lines;
     {
         const OutputLog log;
-        const NoMoreDescriptors none;
-        EXPECT_TRUE(endpoint.InitialiseLocalSockets(77, "239.1.2.3", "127.0.0.1", 2));
+        {
+            const AllDescriptorsTaken none_left;
+            EXPECT_TRUE(endpoint.InitialiseLocalSockets(77, "239.1.2.3", "127.0.0.1", 2));
+        }
         lines = log.LinesOfEndpoint();
     }
     EXPECT_THAT(lines, ElementsAre(ThreadsLine(2), SenderLine(-1), "CSocket::StartClient() - sender error -1"));

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -128,22 +127,6 @@ inline bool HasBytes(int fd, int count) {
         return ioctl(fd, FIONREAD, &ready) == 0 && ready >= count;
     });
 }
-
-/// The process can open no further descriptor for as long as the object lives.
-class NoMoreDescriptors {
-public:
-    NoMoreDescriptors() {
-        getrlimit(RLIMIT_NOFILE, &m_before);
-        const rlimit none{3, m_before.rlim_max};  // the standard three are open, and poll(2) needs a limit above 0
-        setrlimit(RLIMIT_NOFILE, &none);
-    }
-    ~NoMoreDescriptors() { setrlimit(RLIMIT_NOFILE, &m_before); }
-    NoMoreDescriptors(const NoMoreDescriptors&) = delete;
-    NoMoreDescriptors& operator=(const NoMoreDescriptors&) = delete;
-
-private:
-    rlimit m_before{};
-};
 
 /// Whether this process may open sockets of this kind.
 inline bool CanOpen(int domain, int type, int protocol) {

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "tests/support/OutputCapture.h"
+
 using TarnSocketIO::CIPString;
 
 namespace TarnTest {
@@ -100,6 +102,16 @@ void TestEndpoint::Remember(EndpointEvent event) {
     event.thread = std::this_thread::get_id();
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_events.push_back(std::move(event));
+}
+
+void UseAnEndpointOnce(TarnSocketIO::CONNECTION_TYPE type) {
+    const OutputCapture output;
+    TestEndpoint endpoint(type);
+    endpoint.StartClient();
+    endpoint.InitialiseReceiver();
+    endpoint.AddToGroup("239.192.1.2");
+    endpoint.InitialiseLocalSockets(0, nullptr, "127.0.0.1", 1);
+    endpoint.Connect("127.0.0.1", endpoint.ReceiverPort());
 }
 
 }  // namespace TarnTest

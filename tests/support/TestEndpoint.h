@@ -100,4 +100,8 @@ private:
     std::vector<EndpointEvent> m_events;
 };
 
+/// Opens an endpoint of its own in every way, and ends it: before a test takes all descriptors, of which the
+/// undefined-behaviour sanitizer needs one for its first look at a type.
+void UseAnEndpointOnce(TarnSocketIO::CONNECTION_TYPE type);
+
 }  // namespace TarnTest
