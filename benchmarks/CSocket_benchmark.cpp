@@ -28,10 +28,8 @@
 
 namespace {
 
-using TarnBenchmark::Compare;
 using TarnBenchmark::CompareResults;
 using TarnBenchmark::Figure;
-using TarnBenchmark::Nanoseconds;
 using TarnBenchmark::OwnSocket;
 using TarnBenchmark::PairedRatio;
 using TarnBenchmark::Plan;
@@ -57,13 +55,15 @@ sockaddr_in Loopback(in_port_t port) {
     return address;
 }
 
-/// A datagram socket on a port that the kernel chose.
+/// A datagram socket on a port that the kernel chose; none if there is none to be had.
 OwnSocket BoundSocket() {
     OwnSocket socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     const sockaddr_in address = Loopback(0);
     const int size = 0x1FFFE;
     setsockopt(socket.Get(), SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-    bind(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    if (bind(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        return OwnSocket();
+    }
     return socket;
 }
 

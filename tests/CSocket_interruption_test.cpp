@@ -231,39 +231,37 @@ TEST(CSocketSignals, EveryMillisecondCostAReceiverThreadNothing) {
     EXPECT_LT(DurationOf([&] { EXPECT_TRUE(server.TerminateAll()); }), seconds(8));
 }
 
-TEST(CSocketSignals, ThatMeetAConnectDoNotEndIt) {
-    const InterruptingSignals signals;
-    FullListener listener;
-    TestEndpoint client(CONNECTION_STREAM);
-    BackgroundCall connecting([&] { return client.Connect(loopback, listener.Port()); });
-    ASSERT_TRUE(Eventually([&] { return connecting.Waits(); }));
-    EXPECT_TRUE(Eventually([&] {
-        connecting.Interrupt();
-        return signals_handled >= 10;
-    }));
-    EXPECT_FALSE(connecting.HasEnded());
-    listener.TakeAll();
-    EXPECT_TRUE(connecting.Result());
-    EXPECT_EQ(1u, client.Count(Kind::connected));
-    EXPECT_TRUE(client.Send("data", 4));
+/// A connection that the other side does not take yet, and that signals have met.
+class CSocketSignalsDuringConnect : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(Eventually([&] { return m_connecting.Waits(); }));
+        ASSERT_TRUE(Eventually([&] {
+            m_connecting.Interrupt();
+            return signals_handled >= 10;
+        }));
+        ASSERT_FALSE(m_connecting.HasEnded());
+    }
+
+    const InterruptingSignals m_signals;
+    const LogCapture m_log;
+    FullListener m_listener;
+    TestEndpoint m_client{CONNECTION_STREAM};
+    BackgroundCall m_connecting{[this] { return m_client.Connect(loopback, m_listener.Port()); }};
+};
+
+TEST_F(CSocketSignalsDuringConnect, DoNotEndIt) {
+    m_listener.TakeAll();
+    EXPECT_TRUE(m_connecting.Result());
+    EXPECT_EQ(1u, m_client.Count(Kind::connected));
+    EXPECT_TRUE(m_client.Send("data", 4));
 }
 
-TEST(CSocketSignals, ThatMeetAConnectDoNotHideThatItFails) {
-    const InterruptingSignals signals;
-    const LogCapture log;
-    FullListener listener;
-    TestEndpoint client(CONNECTION_STREAM);
-    BackgroundCall connecting([&] { return client.Connect(loopback, listener.Port()); });
-    ASSERT_TRUE(Eventually([&] { return connecting.Waits(); }));
-    EXPECT_TRUE(Eventually([&] {
-        connecting.Interrupt();
-        return signals_handled >= 10;
-    }));
-    EXPECT_FALSE(connecting.HasEnded());
-    listener.Close();
-    EXPECT_FALSE(connecting.Result());
-    EXPECT_EQ(0u, client.Count(Kind::connected));
-    EXPECT_EQ(1u, log.Count("CSocket::Connect - failed to connect with error -1"));
+TEST_F(CSocketSignalsDuringConnect, DoNotHideThatItFails) {
+    m_listener.Close();
+    EXPECT_FALSE(m_connecting.Result());
+    EXPECT_EQ(0u, m_client.Count(Kind::connected));
+    EXPECT_EQ(1u, m_log.Count("CSocket::Connect - failed to connect with error -1"));
 }
 
 // ---- Disconnect

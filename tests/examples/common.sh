@@ -66,3 +66,16 @@ end_with() {
 ask() { # ask PORT LINE
     printf '%s\n' "$2" | timeout $patience nc -N 127.0.0.1 "$1"
 }
+
+# Five clients at the same time, each of which has its line answered in capital letters.
+expect_five_answers() { # expect_five_answers PORT
+    local number pids=()
+    for number in 1 2 3 4 5; do
+        ask "$1" "client $number" >"$work/answer$number" &
+        pids+=($!)
+    done
+    wait "${pids[@]}"
+    for number in 1 2 3 4 5; do
+        expect "answer $number" "CLIENT $number" "$(cat "$work/answer$number")"
+    done
+}

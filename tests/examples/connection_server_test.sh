@@ -11,15 +11,7 @@ start_server() {
 }
 
 start_server "$@"
-pids=()
-for number in 1 2 3 4 5; do
-    ask "$port" "client $number" >"$work/answer$number" &
-    pids+=($!)
-done
-wait "${pids[@]}"
-for number in 1 2 3 4 5; do
-    expect "answer $number" "CLIENT $number" "$(cat "$work/answer$number")"
-done
+expect_five_answers "$port"
 # One that only sends is thrown out and keeps nobody waiting.
 head -c 50000000 /dev/zero | (exec 3<>"/dev/tcp/127.0.0.1/$port" && cat >&3) 2>/dev/null || true
 expect "answer after a client that does not read" "STILL HERE" "$(ask "$port" "still here")"

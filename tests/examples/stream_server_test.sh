@@ -17,15 +17,7 @@ logged_times() { [ "$(logged "$1")" = "$2" ]; }
 
 # bash sets background processes of a script to ignore SIGINT, so a server that ends on it has asked for it.
 start_server "$@"
-pids=()
-for number in 1 2 3 4 5; do
-    ask "$port" "client $number" >"$work/answer$number" &
-    pids+=($!)
-done
-wait "${pids[@]}"
-for number in 1 2 3 4 5; do
-    expect "answer $number" "CLIENT $number" "$(cat "$work/answer$number")"
-done
+expect_five_answers "$port"
 eventually logged_times "$removed" 5
 expect "connections in the log" 5 "$(logged "$accepted")"
 
