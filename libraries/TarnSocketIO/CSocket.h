@@ -437,7 +437,6 @@ private:
     void Deliver(char* buffer, long length, const sockaddr_in* from);
     bool Receive(const detail::SocketUse& socket, Patience patience, char* buffer, long size, sockaddr_in* from,
                  long& received);
-    bool AwaitData(const detail::SocketUse& socket, Patience patience) const;
 
     // CSocket_multicast.cpp
     void JoinStartGroup(int fd);
