@@ -31,6 +31,8 @@ struct CallState {
     std::atomic<int> to_pass{0};
     std::atomic<int> to_fail{0};
     std::atomic<int> failed{0};
+    std::atomic<bool> to_hold{false};
+    std::atomic<bool> held{false};
 };
 
 std::array<CallState, static_cast<std::size_t>(Call::Allocate) + 1> call_states;
@@ -181,6 +183,12 @@ bool MustFail(Call call, int descriptor) {
     CallState& state = StateOf(call);
     ++state.calls;
     state.last_descriptor = descriptor;
+    if (state.to_hold.exchange(false)) {
+        state.held = true;
+        while (state.held) {
+            usleep(1000);
+        }
+    }
     if (state.to_fail <= 0 || state.to_pass-- > 0 || state.to_fail-- <= 0) {
         return false;
     }
@@ -203,6 +211,19 @@ FailingCalls::~FailingCalls() {
 
 int FailingCalls::Failed() const {
     return StateOf(m_call).failed;
+}
+
+HeldCall::HeldCall(Call call) : m_call(call) {
+    StateOf(m_call).to_hold = true;
+}
+
+bool HeldCall::IsHeld() const {
+    return StateOf(m_call).held;
+}
+
+void HeldCall::Release() {
+    StateOf(m_call).to_hold = false;
+    StateOf(m_call).held = false;
 }
 
 CallWatch::CallWatch(Call call) : m_call(call), m_before(StateOf(call).calls) {

@@ -73,7 +73,25 @@ private:
     const Call m_call;
 };
 
-/// For what comes in between: counts a call.
+/// Holds the next call of a kind, whichever thread makes it, before anything has happened. One at a time for each Call.
+class HeldCall {
+public:
+    explicit HeldCall(Call call);
+    ~HeldCall() { Release(); }
+    HeldCall(const HeldCall&) = delete;
+    HeldCall& operator=(const HeldCall&) = delete;
+
+    /// Whether a thread is in it.
+    bool IsHeld() const;
+
+    /// Lets the call go on, and holds no other one.
+    void Release();
+
+private:
+    const Call m_call;
+};
+
+/// For what comes in between: counts a call, and holds it.
 ///
 /// @param descriptor  -1 if the call has none.
 /// @return whether it has to fail; errno is set then.
