@@ -29,7 +29,6 @@ using TarnTest::Bind;
 using TarnTest::ByteAt;
 using TarnTest::ChildProcess;
 using TarnTest::ConnectionServer;
-using TarnTest::Descriptor;
 using TarnTest::EndpointEvent;
 using TarnTest::Eventually;
 using TarnTest::FrameSocket;
@@ -37,6 +36,7 @@ using TarnTest::Ipv4Address;
 using TarnTest::NameOf;
 using TarnTest::OpenSocket;
 using TarnTest::OutputOf;
+using TarnTest::OwnedDescriptor;
 using TarnTest::Receive;
 using TarnTest::SendDatagram;
 using TarnTest::TestEndpoint;
@@ -64,14 +64,10 @@ timeval Now() {
 }
 
 /// A datagram socket of the calling thread's network on a port that the kernel chooses.
-Descriptor AnyPort(const char* ip = "0.0.0.0") {
-    Descriptor fd = OpenSocket(AF_INET, SOCK_DGRAM, 0);
+OwnedDescriptor AnyPort(const char* ip = "0.0.0.0") {
+    OwnedDescriptor fd = OpenSocket(AF_INET, SOCK_DGRAM, 0);
     Bind(fd, Ipv4Address(ip));
     return fd;
-}
-
-std::uint16_t PortOf(const Descriptor& fd) {
-    return ntohs(NameOf(fd.Get()).sin_port);
 }
 
 /// The frames with a UDP datagram of this text.
@@ -88,16 +84,17 @@ std::string SourceOf(const std::string& frame) {
 
 /// A socket of the peer that everything which is sent to a port arrives at, that to everybody included.
 struct PeersSocket {
-    explicit PeersSocket(const WiredHosts& net) : fd(net.FromPeer([] { return AnyPort(); })), port(PortOf(fd)) {}
+    explicit PeersSocket(const WiredHosts& net)
+        : fd(net.FromPeer([] { return AnyPort(); })), port(TarnTest::PortOf(fd.Number())) {}
 
-    Descriptor fd;
+    OwnedDescriptor fd;
     std::uint16_t port;
 };
 
 void SendToEverybody(std::uint16_t port, const std::string& data, const char* to) {
-    const Descriptor fd = OpenSocket(AF_INET, SOCK_DGRAM, 0);
+    const OwnedDescriptor fd = OpenSocket(AF_INET, SOCK_DGRAM, 0);
     const int on = 1;
-    setsockopt(fd.Get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
+    setsockopt(fd.Number(), SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
     TarnTest::SendTo(fd, Ipv4Address(to, port), data);
 }
 
@@ -157,9 +154,9 @@ TEST_F(CSocketDatagrams, AReceiverOnALocalAddressGetsNeitherBroadcastsNorMultica
     ASSERT_TRUE(endpoint.InitialiseLocalSockets(0, group, "192.0.2.1", 1));
     EXPECT_EQ("192.0.2.1", TextOf(NameOf(endpoint.m_socReceiver).sin_addr));
     // It is on the wire, the host takes it, and this one has not got it.
-    const Descriptor anybody = OpenSocket(AF_INET, SOCK_DGRAM, 0);
+    const OwnedDescriptor anybody = OpenSocket(AF_INET, SOCK_DGRAM, 0);
     const int on = 1;
-    ASSERT_EQ(0, setsockopt(anybody.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on));
+    ASSERT_EQ(0, setsockopt(anybody.Number(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on));
     Bind(anybody, Ipv4Address("0.0.0.0", endpoint.ReceiverPort()));
     net.InPeer([&] { SendToEverybody(endpoint.ReceiverPort(), "to everybody", "192.0.2.255"); });
     EXPECT_EQ("to everybody", Receive(anybody));
@@ -240,7 +237,7 @@ TEST_F(CSocketDatagrams, ASenderIsBoundToTheLocalInterface) {
 TEST_F(CSocketDatagrams, TheLocalInterfaceChoosesTheWireOfAMulticastSender) {
     const WiredHosts net(2);
     const sockaddr_in local = Ipv4Address("198.51.100.1");
-    if (setsockopt(AnyPort().Get(), IPPROTO_IP, IP_MULTICAST_IF, &local, sizeof local) != 0) {
+    if (setsockopt(AnyPort().Number(), IPPROTO_IP, IP_MULTICAST_IF, &local, sizeof local) != 0) {
         GTEST_SKIP() << "the emulator does not choose the interface of multicasts";
     }
     const auto wire0 = net.FromPeer([] { return std::make_unique<FrameSocket>("wire0", ETHERTYPE_IP); });

@@ -27,7 +27,6 @@
 #include "tests/support/TestEndpoint.h"
 
 using TarnSocketIO::CONNECTION_ICMP;
-using TarnTest::Descriptor;
 using TarnTest::EchoMessage;
 using TarnTest::EndpointEvent;
 using TarnTest::Ipv4Address;
@@ -36,6 +35,7 @@ using TarnTest::IsReadable;
 using TarnTest::LinesOf;
 using TarnTest::NameOf;
 using TarnTest::OpenSocket;
+using TarnTest::OwnedDescriptor;
 using TarnTest::Random;
 using TarnTest::SendTo;
 using TarnTest::Stored;
@@ -107,15 +107,15 @@ public:
 class FedPinger : public Pinger {
 public:
     FedPinger() : m_feeder(OpenSocket(AF_INET, SOCK_DGRAM, 0)) {
-        const Descriptor fed = OpenSocket(AF_INET, SOCK_DGRAM, 0);
+        const OwnedDescriptor fed = OpenSocket(AF_INET, SOCK_DGRAM, 0);
         Bind(fed, Ipv4Address("127.0.0.1"));
-        m_address = NameOf(fed.Get());
+        m_address = NameOf(fed.Number());
         ReplaceReceiver(fed);
     }
     ~FedPinger() override { TerminateAll(); }
 
-    void ReplaceReceiver(const Descriptor& other) const {
-        if (dup2(other.Get(), m_socReceiver) == -1) {
+    void ReplaceReceiver(const OwnedDescriptor& other) const {
+        if (dup2(other.Number(), m_socReceiver) == -1) {
             throw std::system_error(errno, std::generic_category(), "dup2");
         }
     }
@@ -127,7 +127,7 @@ public:
     }
 
 private:
-    const Descriptor m_feeder;
+    const OwnedDescriptor m_feeder;
     sockaddr_in m_address{};
 };
 
@@ -141,7 +141,7 @@ std::string ReplyPacket(const std::string& message, std::uint8_t ttl = 64, const
 
 TEST_F(CSocketPingReplies, TheWireBringsOnlyOurRepliesToANotification) {
     const WiredHosts net;
-    const Descriptor raw = net.FromPeer([] { return OpenSocket(AF_INET, SOCK_RAW, IPPROTO_RAW); });
+    const OwnedDescriptor raw = net.FromPeer([] { return OpenSocket(AF_INET, SOCK_RAW, IPPROTO_RAW); });
     Pinger pinger;
     const auto read = [&](const std::string& message, const std::string& options = "") {
         SendTo(raw, Ipv4Address("192.0.2.1"), Ipv4Packet("192.0.2.2", "192.0.2.1", message, IPPROTO_ICMP, 77, options));
@@ -334,7 +334,7 @@ TEST_F(CSocketPingReplies, OnePassReadsOneMessage) {
     const WiredHosts net;
     FedPinger pinger;
     pinger.m_iReceivesPerPass = 0;
-    const Descriptor feeder = OpenSocket(AF_INET, SOCK_DGRAM, 0);
+    const OwnedDescriptor feeder = OpenSocket(AF_INET, SOCK_DGRAM, 0);
     const std::string packet = ReplyPacket(EchoMessage(ICMP_ECHOREPLY, own, 1));
     SendTo(feeder, NameOf(pinger.m_socReceiver), packet);
     SendTo(feeder, NameOf(pinger.m_socReceiver), packet);
@@ -350,16 +350,16 @@ TEST_F(CSocketPingReplies, AnEmptyReadEndsThePassAndAFailedOneIsNoIcmp) {
     EXPECT_THAT(pinger.Read(""), IsEmpty());
 
     // A socket with a datagram in it, and the error of one that nobody took: the error is read first.
-    const Descriptor refused = OpenSocket(AF_INET, SOCK_DGRAM, 0);
+    const OwnedDescriptor refused = OpenSocket(AF_INET, SOCK_DGRAM, 0);
     Bind(refused, Ipv4Address("127.0.0.1"));
     {
-        const Descriptor closed_soon = OpenSocket(AF_INET, SOCK_DGRAM, 0);
+        const OwnedDescriptor closed_soon = OpenSocket(AF_INET, SOCK_DGRAM, 0);
         Bind(closed_soon, Ipv4Address("127.0.0.1"));
-        const sockaddr_in nobody = NameOf(closed_soon.Get());
-        ASSERT_EQ(0, connect(refused.Get(), reinterpret_cast<const sockaddr*>(&nobody), sizeof nobody));
-        SendTo(closed_soon, NameOf(refused.Get()), ReplyPacket(EchoMessage(ICMP_ECHOREPLY, foreign, 1)));
+        const sockaddr_in nobody = NameOf(closed_soon.Number());
+        ASSERT_EQ(0, connect(refused.Number(), reinterpret_cast<const sockaddr*>(&nobody), sizeof nobody));
+        SendTo(closed_soon, NameOf(refused.Number()), ReplyPacket(EchoMessage(ICMP_ECHOREPLY, foreign, 1)));
     }
-    ASSERT_EQ(1, send(refused.Get(), "?", 1, 0));
+    ASSERT_EQ(1, send(refused.Number(), "?", 1, 0));
     pinger.ReplaceReceiver(refused);
     EXPECT_THAT(pinger.LinesOfAPass(), ElementsAre(come_line, not_icmp_line));
     EXPECT_THAT(pinger.LinesOfAPass(),

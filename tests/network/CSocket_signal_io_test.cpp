@@ -27,7 +27,6 @@
 using TarnSocketIO::CONNECTION_DATAGRAM;
 using TarnSocketIO::CONNECTION_UDP;
 using TarnTest::CountOpenDescriptors;
-using TarnTest::Descriptor;
 using TarnTest::EndpointEvent;
 using TarnTest::Eventually;
 using TarnTest::InChild;
@@ -35,6 +34,7 @@ using TarnTest::IsReadable;
 using TarnTest::LinesOf;
 using TarnTest::LogCapture;
 using TarnTest::OpenSocket;
+using TarnTest::OwnedDescriptor;
 using TarnTest::PrivateNetwork;
 using TarnTest::SendDatagram;
 using TarnTest::TestEndpoint;
@@ -150,8 +150,8 @@ TEST_F(CSocketSignalIO, ADatagramRaisesTheSignalUntilItIsSwitchedOff) {
 TEST_F(CSocketSignalIO, AnEndpointWithoutAReceiverSwitchesDescriptor0) {
     InChild([] {
         {
-            const Descriptor fd = OpenSocket(AF_INET, SOCK_DGRAM, 0);
-            ASSERT_EQ(STDIN_FILENO, dup2(fd.Get(), STDIN_FILENO));
+            const OwnedDescriptor fd = OpenSocket(AF_INET, SOCK_DGRAM, 0);
+            ASSERT_EQ(STDIN_FILENO, dup2(fd.Number(), STDIN_FILENO));
         }
         TestEndpoint endpoint(CONNECTION_UDP);
         EXPECT_TRUE(endpoint.EnableSignalIO());
@@ -188,8 +188,8 @@ TEST_F(CSocketSignalIO, AClosedReceiverIsNotSwitchedNorWhoeverHasItsNumber) {
     EXPECT_THAT(LinesOf([&] { EXPECT_FALSE(receiver.EnableSignalIO()); }), ElementsAre(not_owned_line));
     EXPECT_EQ(-1, receiver.DisableSignalIO());
 
-    const Descriptor somebody = OpenSocket(AF_INET, SOCK_DGRAM, 0);
-    const Descriptor with_the_number(somebody.Get() == number ? -1 : dup2(somebody.Get(), number));
+    const OwnedDescriptor somebody = OpenSocket(AF_INET, SOCK_DGRAM, 0);
+    const OwnedDescriptor with_the_number(somebody.Number() == number ? -1 : dup2(somebody.Number(), number));
     EXPECT_THAT(LinesOf([&] { EXPECT_FALSE(receiver.EnableSignalIO()); }), ElementsAre(not_owned_line));
     EXPECT_EQ(0, FlagsOf(number) & (O_ASYNC | O_NONBLOCK));
     EXPECT_EQ(0, fcntl(number, F_GETOWN));

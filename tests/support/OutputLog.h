@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tests/support/LogCapture.h"
+#include "tests/support/LogTest.h"
 #include "tests/support/OutputCapture.h"
 
 namespace TarnTest {
@@ -30,7 +31,7 @@ public:
         std::vector<std::string> lines;
         std::istringstream text(m_output.Text().substr(m_first));
         for (std::string line; std::getline(text, line);) {
-            lines.push_back(WithoutStamp(line));
+            lines.push_back(LooksLikeAStamp(line) ? Message(line) : line);
         }
         return lines;
     }
@@ -47,13 +48,6 @@ public:
     }
 
 private:
-    static std::string WithoutStamp(const std::string& line) {
-        constexpr std::size_t stamp_length = 24;
-        const bool is_stamped = line.size() >= stamp_length && line[2] == '/' && line[5] == '/' &&
-                                line.compare(stamp_length - 3, 3, " - ") == 0;
-        return is_stamped ? line.substr(stamp_length) : line;
-    }
-
     const OutputCapture m_output;
     std::size_t m_first;
 };

@@ -7,7 +7,6 @@
 #include <netpacket/packet.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -17,38 +16,16 @@
 #include <cstring>
 #include <string>
 #include <system_error>
-#include <utility>
+
+#include "tests/support/SocketState.h"
 
 /// Packets and frames as they are on the wire. Texts hold their bytes.
 namespace TarnTest {
 
-/// Closed with the object.
-class Descriptor {
-public:
-    explicit Descriptor(int fd = -1) : m_fd(fd) {}
-    ~Descriptor() {
-        if (m_fd != -1) {
-            close(m_fd);
-        }
-    }
-    Descriptor(Descriptor&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
-    Descriptor& operator=(Descriptor&& other) noexcept {
-        std::swap(m_fd, other.m_fd);
-        return *this;
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    int Get() const { return m_fd; }
-
-private:
-    int m_fd;
-};
-
 /// A socket of the calling thread's network.
-inline Descriptor OpenSocket(int domain, int type, int protocol) {
-    Descriptor fd(socket(domain, type | SOCK_CLOEXEC, protocol));
-    if (fd.Get() == -1) {
+inline OwnedDescriptor OpenSocket(int domain, int type, int protocol) {
+    OwnedDescriptor fd(socket(domain, type | SOCK_CLOEXEC, protocol));
+    if (fd.Number() == -1) {
         throw std::system_error(errno, std::generic_category(), "socket");
     }
     return fd;
@@ -62,20 +39,10 @@ inline sockaddr_in Ipv4Address(const std::string& ip, std::uint16_t port = 0) {
     return address;
 }
 
-inline void Bind(const Descriptor& fd, const sockaddr_in& address) {
-    if (bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+inline void Bind(const OwnedDescriptor& fd, const sockaddr_in& address) {
+    if (bind(fd.Number(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         throw std::system_error(errno, std::generic_category(), "bind");
     }
-}
-
-/// The address that a socket is bound to.
-inline sockaddr_in NameOf(int fd) {
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        throw std::system_error(errno, std::generic_category(), "getsockname");
-    }
-    return address;
 }
 
 inline std::string TextOf(in_addr address) {
@@ -84,22 +51,22 @@ inline std::string TextOf(in_addr address) {
 }
 
 /// Waits for what a socket receives next, for half a minute at most. @return it; empty if nothing came.
-inline std::string Receive(const Descriptor& fd, sockaddr_in* from = nullptr) {
-    pollfd record = {fd.Get(), POLLIN, 0};
+inline std::string Receive(const OwnedDescriptor& fd, sockaddr_in* from = nullptr) {
+    pollfd record = {fd.Number(), POLLIN, 0};
     if (poll(&record, 1, 30000) != 1) {
         return "";
     }
     std::string data(65536, '\0');
     socklen_t length = sizeof *from;
-    const ssize_t received = recvfrom(fd.Get(), data.data(), data.size(), MSG_DONTWAIT,
+    const ssize_t received = recvfrom(fd.Number(), data.data(), data.size(), MSG_DONTWAIT,
                                       reinterpret_cast<sockaddr*>(from), from != nullptr ? &length : nullptr);
     data.resize(received > 0 ? static_cast<std::size_t>(received) : 0);
     return data;
 }
 
-inline void SendTo(const Descriptor& fd, const sockaddr_in& to, const std::string& data) {
+inline void SendTo(const OwnedDescriptor& fd, const sockaddr_in& to, const std::string& data) {
     const ssize_t sent =
-        sendto(fd.Get(), data.data(), data.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+        sendto(fd.Number(), data.data(), data.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
     if (sent != static_cast<ssize_t>(data.size())) {
         throw std::system_error(errno, std::generic_category(), "sendto");
     }
@@ -115,7 +82,7 @@ public:
         address.sll_family = AF_PACKET;
         address.sll_protocol = htons(protocol);
         address.sll_ifindex = static_cast<int>(m_interface);
-        if (bind(m_fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        if (bind(m_fd.Number(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
             throw std::system_error(errno, std::generic_category(), "bind to " + interface);
         }
     }
@@ -126,7 +93,7 @@ public:
         address.sll_ifindex = static_cast<int>(m_interface);
         address.sll_halen = ETH_ALEN;
         std::memcpy(address.sll_addr, frame.data(), ETH_ALEN);
-        const ssize_t sent = sendto(m_fd.Get(), frame.data(), frame.size(), 0,
+        const ssize_t sent = sendto(m_fd.Number(), frame.data(), frame.size(), 0,
                                     reinterpret_cast<const sockaddr*>(&address), sizeof address);
         if (sent != static_cast<ssize_t>(frame.size())) {
             throw std::system_error(errno, std::generic_category(), "frame");
@@ -147,7 +114,7 @@ public:
     }
 
 private:
-    Descriptor m_fd;
+    OwnedDescriptor m_fd;
     unsigned int m_interface;
 };
 

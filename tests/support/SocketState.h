@@ -92,13 +92,16 @@ private:
     const int m_fd;
 };
 
-/// A descriptor to close.
+/// A descriptor to close; -1 is none.
 class OwnedDescriptor {
 public:
-    explicit OwnedDescriptor(int fd) : m_fd(fd) {}
+    explicit OwnedDescriptor(int fd = -1) : m_fd(fd) {}
     ~OwnedDescriptor() { Close(); }
     OwnedDescriptor(OwnedDescriptor&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
-    OwnedDescriptor& operator=(OwnedDescriptor&&) = delete;
+    OwnedDescriptor& operator=(OwnedDescriptor&& other) noexcept {
+        std::swap(m_fd, other.m_fd);
+        return *this;
+    }
     OwnedDescriptor(const OwnedDescriptor&) = delete;
     OwnedDescriptor& operator=(const OwnedDescriptor&) = delete;
 
