@@ -3,8 +3,6 @@
 #include <TarnSocketIO/CSocket.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,6 +25,7 @@
 #include "tests/support/LogTest.h"
 #include "tests/support/Resources.h"
 #include "tests/support/RuntimeCalls.h"
+#include "tests/support/SocketState.h"
 #include "tests/support/TcpClient.h"
 #include "tests/support/TestEndpoint.h"
 #include "tests/support/Worker.h"
@@ -50,6 +49,7 @@ using TarnTest::ForwardLookup;
 using TarnTest::IsReadable;
 using TarnTest::LogCapture;
 using TarnTest::OutputOf;
+using TarnTest::PortOf;
 using TarnTest::SendDatagram;
 using TarnTest::TcpClient;
 using TarnTest::TestEndpoint;
@@ -62,12 +62,6 @@ using testing::NotNull;
 constexpr const char* loopback = "127.0.0.1";
 constexpr const char* group = "239.192.1.2";
 constexpr int always = std::numeric_limits<int>::max();
-
-std::uint16_t PortOf(int fd) {
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    return getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0 ? ntohs(address.sin_port) : 0;
-}
 
 /// An endpoint whose notifications allocate nothing.
 class FrugalEndpoint final : public CSocket {
