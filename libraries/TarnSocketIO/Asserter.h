@@ -101,24 +101,26 @@ struct SocketIOAssertDone {
 ///
 /// The expression is reported as written; a value under its text after macro expansion, so that `errno` shows as
 /// `(*__errno_location ())`. An expression with a comma needs parentheses of its own.
-#define SOCKETIO_ASSERT(expression) SOCKETIO_ASSERT_AS(__FILE__, __LINE__, expression, #expression)
+#define SOCKETIO_ASSERT(expression) SOCKETIO_ASSERT_AS(__PRETTY_FUNCTION__, __FILE__, __LINE__, expression, #expression)
 
 /// As SOCKETIO_ASSERT, with a line that stays the same however the file changes: file and line together are what
 /// reports from the field are looked up by.
-#define SOCKETIO_ASSERT_AT(line, expression) SOCKETIO_ASSERT_AS(__FILE__, line, expression, #expression)
+#define SOCKETIO_ASSERT_AT(line, expression) \
+    SOCKETIO_ASSERT_AS(__PRETTY_FUNCTION__, __FILE__, line, expression, #expression)
 
 /// As SOCKETIO_ASSERT_AT, with the file named too: an installed header must report the name that it has in its own
 /// source tree.
-#define SOCKETIO_ASSERT_IN(file, line, expression) SOCKETIO_ASSERT_AS(file, line, expression, #expression)
+#define SOCKETIO_ASSERT_IN(file, line, expression) \
+    SOCKETIO_ASSERT_AS(__PRETTY_FUNCTION__, file, line, expression, #expression)
 
 /// @cond internal
 // NOLINTBEGIN(bugprone-macro-parentheses): values follow, and parentheses around all of it would shut them out
-#define SOCKETIO_ASSERT_AS(file, line, expression, text)                                                         \
-    static_cast<bool>(expression)                                                                                \
-        ? static_cast<void>(0)                                                                                   \
-        : ::SocketIOAssertDone() & ++::Asserter<::AssertFailStdErrAbort>("Assertion Failed", text,               \
-                                                                         static_cast<bool>(expression),          \
-                                                                         __PRETTY_FUNCTION__, file, line, "", 3) \
+#define SOCKETIO_ASSERT_AS(function, file, line, expression, text)                                                \
+    static_cast<bool>(expression)                                                                                 \
+        ? static_cast<void>(0)                                                                                    \
+        : ::SocketIOAssertDone() & ++::Asserter<::AssertFailStdErrAbort>("Assertion Failed", text,                \
+                                                                         static_cast<bool>(expression), function, \
+                                                                         file, line, "", 3)                       \
                                          .SOCKETIO_ASSERT_A
 // NOLINTEND(bugprone-macro-parentheses)
 #define SOCKETIO_ASSERT_A(value) SOCKETIO_ASSERT_VALUE(value, B)

@@ -17,8 +17,13 @@
 #include <TarnSocketIO/CUtility.h>
 #include <TarnSocketIO/ConnectionType.h>
 #include <TarnSocketIO/Endian.h>
+#include <TarnSocketIO/IPv4/ARPFileReader.h>
+#include <TarnSocketIO/IPv4/ARPIO.h>
 #include <TarnSocketIO/IPv4/IPAddress.h>
+#include <TarnSocketIO/IfConfig.h>
 #include <TarnSocketIO/SockAddr.h>
 #include <TarnSocketIO/Version.h>
 #include <TarnSocketIO/array_auto_ptr.h>
 #include <TarnSocketIO/eth/MACAddress.h>
+#include <TarnSocketIO/ioctl_structs.h>
+#include <TarnSocketIO/socket_structs.h>

@@ -11,6 +11,11 @@ inline const char* Printable(const char* text) {
     return text != nullptr ? text : "(null)";
 }
 
+/// A text as std::string takes it, where it may be missing.
+inline const char* TextOrNone(const char* text) {
+    return text != nullptr ? text : "";
+}
+
 /// Copies text into a fixed field of `size` bytes: cut to fit, terminated, and zero behind it. The text may
 /// be the field's own.
 void CopyText(char* field, std::size_t size, std::string_view text);

@@ -1,5 +1,6 @@
 #include <TarnSocketIO/detail/Descriptor.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,6 +14,22 @@ void CloseDescriptor(int fd) {
         ::close(fd);
         errno = error;
     }
+}
+
+bool CloseWhole(int fd) {
+    struct stat before {};
+    ::fstat(fd, &before);
+    while (::close(fd) != 0) {
+        if (errno != EINTR) {
+            return false;
+        }
+        // On Linux it is closed all the same, and the number may be somebody else's by now.
+        struct stat now {};
+        if (::fstat(fd, &now) != 0 || now.st_dev != before.st_dev || now.st_ino != before.st_ino) {
+            return true;
+        }
+    }
+    return true;
 }
 
 void Descriptor::Reset(int fd) {

@@ -6,6 +6,11 @@ namespace TarnSocketIO::detail {
 /// input.
 void CloseDescriptor(int fd);
 
+/// Closes a descriptor until it is closed, also where the system says EINTR and has not closed it yet.
+///
+/// @return false with errno set if it could not be closed.
+bool CloseWhole(int fd);
+
 /// The one owner of a descriptor: closes it when it goes, with CloseDescriptor.
 class Descriptor {
 public:

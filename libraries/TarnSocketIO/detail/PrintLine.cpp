@@ -23,4 +23,12 @@ void PrintLine(const char* format, ...) noexcept {
     }
 }
 
+void PrintText(const char* text) noexcept {
+    try {
+        std::cout << text;
+    } catch (const std::exception&) {
+        // As above.
+    }
+}
+
 }  // namespace TarnSocketIO::detail

@@ -2,10 +2,13 @@
 
 namespace TarnSocketIO::detail {
 
-/// Formats a line of up to 511 characters and writes it to std::cout at once and whole, also where several threads
-/// print. Does not throw, whatever the application has set for the stream. Changes errno.
+/// Formats a line of up to 511 characters, writes it to std::cout at once and whole, also where several threads print,
+/// and flushes it. Does not throw, whatever the application has set for the stream. Changes errno.
 ///
-/// @param format  as for printf, with its newline.
+/// @param format  as for printf; the line's end, where it has one, is part of it.
 void PrintLine(const char* format, ...) noexcept __attribute__((format(printf, 1, 2)));
+
+/// Writes a text to std::cout, and does not flush it. Does not throw.
+void PrintText(const char* text) noexcept;
 
 }  // namespace TarnSocketIO::detail
