@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <limits>
@@ -44,7 +45,11 @@ void IfReq::Init(const char* name) {
 }
 
 void IfReq::SetIfName(const char* name) {
-    std::snprintf(ifr_name, sizeof ifr_name, "%s", detail::TextOrNone(name));
+    const char* const text = detail::TextOrNone(name);
+    const std::size_t length = ::strnlen(text, sizeof ifr_name - 1);
+    // It may be the record's own name.
+    std::memmove(ifr_name, text, length);
+    ifr_name[length] = '\0';
 }
 
 void IfReq::SetAddress(IPv4::IPAddress a) {

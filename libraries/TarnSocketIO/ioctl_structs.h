@@ -26,7 +26,8 @@ public:
     /// Init(), then SetIfName(name).
     void Init(const char* name);
 
-    /// @param name  such as `eth0` or `eth0:1`; cut to its first 15 characters. Null is an empty name.
+    /// @param name  such as `eth0` or `eth0:1`; cut to its first 15 characters. Null is an empty name. Behind its
+    ///              terminator the record's old name stays.
     void SetIfName(const char* name);
 
     /// @return the name, valid while the record lives.

@@ -3,122 +3,145 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <cstring>
+#include <cstdint>
 #include <iostream>
+#include <numeric>
 
 #include <TarnSocketIO/detail/BoundedText.h>
 #include <TarnSocketIO/detail/LibcAssert.h>
+#include <TarnSocketIO/detail/PlainAddress.h>
+#include <TarnSocketIO/detail/TableText.h>
 
 using TarnSocketIO::MACAddress;
 using TarnSocketIO::detail::FailLibcAssertion;
+using TarnSocketIO::detail::TableText;
+using TarnSocketIO::detail::WordText;
 
 namespace {
+
+using Entry = ARPFileReader::ARPTableLineEntry;
 
 constexpr const char* source_file = "libraries/TarnSocketIO/IPv4/ARPFileReader.cpp";
 constexpr const char* reading_function = "void ARPFileReader::CacheFileContent()";
 
 constexpr std::size_t longest_header = 78;
-constexpr std::size_t longest_word = 1'000'000;
 
-/// White space of the C locale, which is what separates words in a stream.
-constexpr bool IsSpace(char c) {
-    return c == ' ' || (c >= '\t' && c <= '\r');
+// A file without an end comes to an address that stands in it twice: it is looked for one after this many entries, and
+// whenever there are twice as many again.
+constexpr std::size_t first_look_for_twins = 131072;
+
+/// Reads an entry as the kernel writes it. @return false for any other, and for one that does not end before `end`.
+bool ReadPlainEntry(const char*& at, const char* end, Entry& entry) {
+    using namespace TarnSocketIO::detail;
+    const auto skip_word = [&at, end] {
+        at = BehindWord(BehindSpace(at));
+        return at < end;
+    };
+    unsigned char address[4];
+    unsigned char hardware_address[6];
+    at = BehindSpace(at);
+    if (!ReadPlainQuad(at, address) || !IsSpace(*at) || !skip_word() || !skip_word()) {
+        return false;
+    }
+    at = BehindSpace(at);
+    if (!ReadPlainHardwareAddress(at, hardware_address) || !IsSpace(*at) || !skip_word() || !skip_word()) {
+        return false;
+    }
+    entry.m_IPAddress.Set(address, BigEndian);
+    std::copy_n(hardware_address, sizeof hardware_address, entry.m_HWAddress.OctetForm());
+    return true;
 }
 
-/// As much of a word as tells whether it is an address: those of both kinds are shorter.
-class WordText {
-public:
-    void Clear() {
-        m_length = 0;
-        m_text[0] = '\0';
+/// Reads an entry whose words may be anything. @return false if there is none.
+bool ReadEntry(TableText& text, Entry& entry) {
+    WordText address;
+    WordText hardware_address;
+    if (!text.TakeWord(address) || !text.SkipWord() || !text.SkipWord() || !text.TakeWord(hardware_address) ||
+        !text.SkipWord() || !text.SkipWord()) {
+        return false;
     }
+    entry.m_IPAddress = address.Get();
+    entry.m_HWAddress = hardware_address.Get();
+    return true;
+}
 
-    void Append(const char* from, std::size_t length) {
-        const std::size_t taken = std::min(length, m_text.size() - 1 - m_length);
-        std::memcpy(&m_text[m_length], from, taken);
-        m_length += taken;
-        m_text[m_length] = '\0';
+/// Sorts by address: octet by octet, beginning with the last one. Comparisons would be guessed wrong half of the time.
+void SortByAddress(std::vector<Entry>& entries) {
+    std::vector<Entry> sorted(entries.size());
+    for (int octet = 3; octet >= 0; --octet) {
+        const auto octet_of = [octet](const Entry& entry) { return entry.m_IPAddress.OctetForm()[octet]; };
+        std::array<std::uint32_t, 256> places{};
+        for (const Entry& entry : entries) {
+            ++places[octet_of(entry)];
+        }
+        // The hosts of a network have their first octets in common.
+        if (entries.empty() || places[octet_of(entries.front())] == entries.size()) {
+            continue;
+        }
+        std::exclusive_scan(places.begin(), places.end(), places.begin(), 0U);
+        for (const Entry& entry : entries) {
+            sorted[places[octet_of(entry)]++] = entry;
+        }
+        entries.swap(sorted);
     }
+}
 
-    const char* Get() const { return m_text.data(); }
+/// Sorts, and sees to it that no address is there twice.
+void SortDistinct(std::vector<Entry>& entries) {
+    SortByAddress(entries);
+    const auto twins = std::adjacent_find(entries.begin(), entries.end(), [](const Entry& left, const Entry& right) {
+        return left.m_IPAddress == right.m_IPAddress;
+    });
+    if (twins != entries.end()) {
+        FailLibcAssertion("m_IPARPEntryMap.find(tblentry.m_IPAddress) == m_IPARPEntryMap.end()", source_file, 71,
+                          reading_function);
+    }
+}
 
-private:
-    std::array<char, 32> m_text;
-    std::size_t m_length;
-};
+void ReadEntries(std::istream& stream, std::vector<Entry>& entries) {
+    TableText text(stream);
+    if (!text.SkipHeader(longest_header)) {
+        return;
+    }
+    std::size_t look_for_twins = first_look_for_twins;
+    Entry entry;
+    while (text.TakeAtHand([&](const char*& at, const char* end) { return ReadPlainEntry(at, end, entry); }) ||
+           ReadEntry(text, entry)) {
+        entries.push_back(entry);
+        if (entries.size() == look_for_twins) {
+            SortDistinct(entries);
+            look_for_twins *= 2;
+        }
+    }
+}
 
 }  // namespace
 
-/// The words of a stream, which it is read for in large pieces.
-class ARPFileReader::Words {
+/// What is left in the map of the read before. The new entries come in order, and take the places of the old ones: most
+/// hosts are there again, and neither memory nor the shape of the tree has to change for them. What is left over in the
+/// end goes, also if there was no memory for a new one.
+class ARPFileReader::Remainder {
 public:
-    explicit Words(std::istream& stream) : m_stream(stream), m_piece(piece_size + 1) { m_at = m_end = m_piece.data(); }
+    explicit Remainder(EntryMap& map) : m_map(map), m_at(map.begin()) {}
+    ~Remainder() { m_map.erase(m_at, m_map.end()); }
+    Remainder(const Remainder&) = delete;
+    Remainder& operator=(const Remainder&) = delete;
 
-    /// Goes behind the first line. @return false if that is too long, or all that there is.
-    bool SkipHeader() {
-        if (!Refill()) {
-            return false;
+    void Replace(const ARPTableLineEntry& entry) {
+        while (m_at != m_map.end() && m_at->first < entry.m_IPAddress) {
+            m_at = m_map.erase(m_at);
         }
-        const std::size_t length = std::min(static_cast<std::size_t>(m_end - m_at), longest_header + 1);
-        const void* const line_end = std::memchr(m_at, '\n', length);
-        if (line_end == nullptr) {
-            return false;
+        if (m_at != m_map.end() && m_at->first == entry.m_IPAddress) {
+            m_at->second = entry;
+            ++m_at;
+        } else {
+            m_map.emplace_hint(m_at, entry.m_IPAddress, entry);
         }
-        m_at = static_cast<const char*>(line_end) + 1;
-        return true;
-    }
-
-    /// Takes the next word. @return false if there is none, or none that ends.
-    bool Take(WordText& word) {
-        word.Clear();
-        return TakeParts([&word](const char* from, std::size_t length) { word.Append(from, length); });
-    }
-
-    /// Goes behind the next word, likewise.
-    bool Skip() {
-        return TakeParts([](const char* /*from*/, std::size_t /*length*/) {});
     }
 
 private:
-    static constexpr std::size_t piece_size = 65536;
-
-    template <class Use>
-    bool TakeParts(Use use) {
-        do {
-            while (m_at != m_end && IsSpace(*m_at)) {
-                ++m_at;
-            }
-        } while (m_at == m_end && Refill());
-        std::size_t length = 0;
-        while (m_at != m_end && length <= longest_word) {
-            const char* const from = m_at;
-            // There is white space behind the piece.
-            while (!IsSpace(*m_at)) {
-                ++m_at;
-            }
-            const auto part = static_cast<std::size_t>(m_at - from);
-            use(from, part);
-            length += part;
-            if (m_at != m_end || !Refill()) {
-                break;
-            }
-        }
-        return length > 0 && length <= longest_word && !m_stream.bad();
-    }
-
-    /// Reads the next piece. @return false at the end, and if it cannot be read.
-    bool Refill() {
-        m_stream.read(m_piece.data(), piece_size);
-        m_at = m_piece.data();
-        m_end = m_at + m_stream.gcount();
-        m_piece[static_cast<std::size_t>(m_stream.gcount())] = ' ';
-        return m_at != m_end;
-    }
-
-    std::istream& m_stream;
-    std::vector<char> m_piece;
-    const char* m_at;
-    const char* m_end;
+    EntryMap& m_map;
+    EntryMap::iterator m_at;
 };
 
 ARPFileReader::ARPFileReader(const char* file) {
@@ -138,10 +161,10 @@ void ARPFileReader::CacheFileContent() {
         std::cout << "file could not be open\n" << std::flush;
         FailLibcAssertion("0", source_file, 80, reading_function);
     }
-    m_IPARPEntryMap.clear();
-    std::vector<ARPTableLineEntry> entries;
+    std::vector<Entry> entries;
     try {
-        ReadEntries(entries);
+        entries.reserve(m_IPARPEntryMap.size());
+        ReadEntries(m_ARPFile, entries);
     } catch (...) {
         Keep(entries);
         throw;
@@ -150,33 +173,11 @@ void ARPFileReader::CacheFileContent() {
     m_ARPFile.close();
 }
 
-void ARPFileReader::ReadEntries(std::vector<ARPTableLineEntry>& entries) {
-    Words words(m_ARPFile);
-    if (!words.SkipHeader()) {
-        return;
-    }
-    WordText address;
-    WordText hardware_address;
-    while (words.Take(address) && words.Skip() && words.Skip() && words.Take(hardware_address) && words.Skip() &&
-           words.Skip()) {
-        ARPTableLineEntry tblentry;
-        tblentry.m_IPAddress = address.Get();
-        tblentry.m_HWAddress = hardware_address.Get();
-        entries.push_back(tblentry);
-    }
-}
-
 void ARPFileReader::Keep(std::vector<ARPTableLineEntry>& entries) {
-    // In order, each finds its place at the end of the map without a search.
-    std::sort(entries.begin(), entries.end(),
-              [](const ARPTableLineEntry& a, const ARPTableLineEntry& b) { return a.m_IPAddress < b.m_IPAddress; });
-    for (const ARPTableLineEntry& entry : entries) {
-        const std::size_t size = m_IPARPEntryMap.size();
-        m_IPARPEntryMap.emplace_hint(m_IPARPEntryMap.end(), entry.m_IPAddress, entry);
-        if (m_IPARPEntryMap.size() == size) {
-            FailLibcAssertion("m_IPARPEntryMap.find(tblentry.m_IPAddress) == m_IPARPEntryMap.end()", source_file, 71,
-                              reading_function);
-        }
+    Remainder remainder(m_IPARPEntryMap);
+    SortDistinct(entries);
+    for (const Entry& entry : entries) {
+        remainder.Replace(entry);
     }
 }
 

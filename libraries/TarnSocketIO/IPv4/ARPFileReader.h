@@ -39,7 +39,8 @@ public:
     /// The file has a header line of up to 78 characters, and then entries of six words: address, hardware type, flags,
     /// hardware address, mask, device. Any white space separates words. All entries are taken, those that the kernel
     /// has not resolved (00:00:00:00:00:00) among them. Reading ends, without a word, at a last entry of fewer than six
-    /// words, at a word of more than a million characters, and before the first entry if the header is longer.
+    /// words, at a word or white space of more than a million characters, and before the first entry if the header is
+    /// longer.
     ///
     /// A file that cannot be opened ends the process: "file could not be open" on standard output and a failed assert()
     /// of the C library. So does an address that stands on two lines.
@@ -52,12 +53,12 @@ public:
     TarnSocketIO::MACAddress GetCachedMACAddress(IPv4::IPAddress ip) const;
 
 private:
-    class Words;
+    class Remainder;
+    using EntryMap = std::map<IPv4::IPAddress, ARPTableLineEntry>;
 
-    void ReadEntries(std::vector<ARPTableLineEntry>& entries);
     void Keep(std::vector<ARPTableLineEntry>& entries);
 
     std::string m_FileName;
     std::ifstream m_ARPFile;  ///< closed between reads, but for one that has ended by an exception
-    std::map<IPv4::IPAddress, ARPTableLineEntry> m_IPARPEntryMap;
+    EntryMap m_IPARPEntryMap;
 };

@@ -3,6 +3,7 @@
 #include <TarnSocketIO/detail/DottedText.h>
 #include <TarnSocketIO/detail/LibcAssert.h>
 #include <TarnSocketIO/detail/NumberFields.h>
+#include <TarnSocketIO/detail/PlainAddress.h>
 
 #include <charconv>
 #include <cstring>
@@ -37,39 +38,6 @@ in_addr_t WordOf(const unsigned char (&octets)[fields]) {
     in_addr_t word = 0;
     std::memcpy(&word, octets, sizeof word);
     return word;
-}
-
-/// Reads what nearly every text is: four plain decimal numbers. Whatever is unusual about another text, octal numbers
-/// included, is left to ReadFields.
-///
-/// @return false for such a text; `octets` is then unspecified.
-bool ReadPlainQuad(const char* text, unsigned char (&octets)[fields]) {
-    const auto digit = [&text] { return static_cast<unsigned int>(*text) - '0'; };
-    for (int i = 0; i < fields; ++i) {
-        unsigned int value = digit();
-        if (value > 9) {
-            return false;
-        }
-        ++text;
-        if (digit() <= 9) {
-            // A leading zero would mean an octal number.
-            if (value == 0) {
-                return false;
-            }
-            value = value * 10 + digit();
-            ++text;
-            if (digit() <= 9) {
-                value = value * 10 + digit();
-                ++text;
-            }
-        }
-        if (value > 255 || *text != (i < fields - 1 ? '.' : '\0')) {
-            return false;
-        }
-        octets[i] = static_cast<unsigned char>(value);
-        ++text;
-    }
-    return true;
 }
 
 /// Reads every form that is accepted, and throws for all others.
@@ -170,7 +138,9 @@ in_addr_t StrToAddress<BigEndian>(const char* str) {
                                                 "(Endian)1u; in_addr_t = unsigned int]");
     }
     unsigned char octets[fields];
-    return ReadPlainQuad(str, octets) ? WordOf(octets) : ReadFields(str);
+    const char* at = str;
+    const bool is_plain = TarnSocketIO::detail::ReadPlainQuad(at, octets) && *at == '\0';
+    return is_plain ? WordOf(octets) : ReadFields(str);
 }
 
 template <>

@@ -1,6 +1,7 @@
 #include <TarnSocketIO/detail/HexByte.h>
 #include <TarnSocketIO/detail/LibcAssert.h>
 #include <TarnSocketIO/detail/NumberFields.h>
+#include <TarnSocketIO/detail/PlainAddress.h>
 #include <TarnSocketIO/eth/MACAddress.h>
 
 #include <algorithm>
@@ -27,24 +28,6 @@ constexpr detail::FieldGrammar grammar = {
     "bad formatted MAC address string",
     "bad hex number found in MAC address string",
 };
-
-/// Reads what nearly every text is: six times two digits. @return false for any other text; `octets` is then
-/// unspecified.
-bool ReadPlainText(const char* text, Octet (&octets)[fields]) {
-    for (int i = 0; i < fields; ++i) {
-        const int high = detail::HexDigit(text[0]);
-        if (high < 0) {
-            return false;
-        }
-        const int low = detail::HexDigit(text[1]);
-        if (low < 0 || text[2] != (i < fields - 1 ? ':' : '\0')) {
-            return false;
-        }
-        octets[i] = static_cast<Octet>(high << 4 | low);
-        text += 3;
-    }
-    return true;
-}
 
 /// At least `width` digits, as a stream writes a number with that width and the fill character 0.
 char* WriteDecimal(char* at, Octet octet, int width) {
@@ -120,7 +103,8 @@ void MACAddress::Set(const char* str) {
     if (str == nullptr) {
         throw std::runtime_error(grammar.bad_length);
     }
-    if (!ReadPlainText(str, parsed)) {
+    const char* at = str;
+    if (!detail::ReadPlainHardwareAddress(at, parsed) || *at != '\0') {
         detail::ReadNumberFields(str, grammar, [&](int i, long value) { parsed[i] = static_cast<Octet>(value); });
     }
     std::copy_n(parsed, fields, OctetForm());
