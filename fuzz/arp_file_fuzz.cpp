@@ -109,7 +109,9 @@ void ExpectLookUp(const ARPFileReader& reader, const Reading& expected, const Ad
     const auto entry = expected.entries.find(address);
     const HardwareOctets octets = entry != expected.entries.end() ? entry->second : HardwareOctets{};
     const MACAddress found = reader.GetCachedMACAddress(IPAddress(address.data(), BigEndian));
-    Expect(Printed(octets.data()), Printed(found.OctetForm()), "look-up");
+    if (!std::equal(octets.begin(), octets.end(), found.OctetForm())) {
+        Expect(Printed(octets.data()), Printed(found.OctetForm()), "look-up");
+    }
 }
 
 /// Reads the table, and looks up all that stands there, and what differs from that in one bit.

@@ -240,12 +240,14 @@ DelAliasIf::DelAliasIf(const char* main_if_name, const char* alias_if_name)
     : m_main_if_name(detail::TextOrNone(main_if_name)), m_alias_if_name(detail::TextOrNone(alias_if_name)) {}
 
 DelAliasIf::ErrorType DelAliasIf::DoIoCtl(int sd) {
+    // As the kernel sees them: up to the first NUL.
+    const std::string main_if_name = m_main_if_name.c_str();
+    const std::string alias_if_name = m_alias_if_name.c_str();
     // Without a label, or with one that the record would cut off, it would be the interface that is switched off.
-    if (m_main_if_name.empty() || m_alias_if_name.size() >= IFNAMSIZ ||
-        m_alias_if_name.rfind(m_main_if_name + ":", 0) != 0) {
+    if (main_if_name.empty() || alias_if_name.size() >= IFNAMSIZ || alias_if_name.rfind(main_if_name + ":", 0) != 0) {
         return EINVAL;
     }
-    IfFlagsReq flags(m_alias_if_name.c_str());
+    IfFlagsReq flags(alias_if_name.c_str());
     ErrorType err = flags.DoIoCtl(sd, SIOCGIFFLAGS);
     if (err == 0) {
         flags.ifr_flags = static_cast<short>(flags.ifr_flags & ~IFF_UP);

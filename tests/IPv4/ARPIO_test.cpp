@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstddef>
 #include <cstring>
+#include <exception>
 #include <functional>
 #include <ios>
 #include <iostream>
@@ -157,23 +158,30 @@ TEST(ARPIO, InitSocketOnAnOpenSocketAborts) {
 }
 
 TEST(ARPIO, IsNotMadeWithoutADescriptor) {
-    const auto refusal_of = [](auto make) {
-        try {
-            make();
-        } catch (const std::runtime_error& refusal) {
-            return std::string(refusal.what());
-        }
-        return std::string();
-    };
-    std::string without_device;
-    std::string with_device;
+    // Looked at when there are descriptors again: a sanitizer needs one to look at an exception.
+    std::vector<std::exception_ptr> refusals;
     {
         const AllDescriptorsTaken none_left;
-        without_device = refusal_of([] { const ARPIO arp; });
-        with_device = refusal_of([] { const ARPIO arp(device); });
+        for (const bool has_device : {false, true}) {
+            try {
+                if (has_device) {
+                    const ARPIO arp(device);
+                } else {
+                    const ARPIO arp;
+                }
+            } catch (...) {
+                refusals.push_back(std::current_exception());
+            }
+        }
     }
-    EXPECT_EQ("could open socket for ARPIO", without_device);
-    EXPECT_EQ("could open socket for ARPIO", with_device);
+    ASSERT_EQ(2U, refusals.size());
+    for (const std::exception_ptr& refusal : refusals) {
+        try {
+            std::rethrow_exception(refusal);
+        } catch (const std::runtime_error& error) {
+            EXPECT_STREQ("could open socket for ARPIO", error.what());
+        }
+    }
     const ARPIO arp;
 }
 
@@ -280,8 +288,7 @@ TEST(ARPIO, OneObjectServesSeveralThreads) {
         std::for_each(threads.begin(), threads.end(), [](std::thread& thread) { thread.join(); });
         EXPECT_EQ(4 * queries, right);
     });
-    EXPECT_EQ(0, child.ExitStatus()) << child.Failures();
-    EXPECT_EQ("", child.Failures());
+    EXPECT_EQ(0, child.ExitStatus()) << child.Failures() << child.Errors();
 }
 
 }  // namespace
