@@ -4,11 +4,14 @@
 #include <TarnSocketIO/IfConfig.h>
 #include <TarnSocketIO/ioctl_structs.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
+#include <csignal>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -115,15 +118,31 @@ TEST(IfReqRefusal, ADescriptorThatIsClosedOrNoSocketIsTold) {
                     [&] { IfReq("lo").DoIoCtl(pipe.Number(), SIOCGIFFLAGS); });
 }
 
-TEST(IfReqRefusal, StandardOutputIsToldFirst) {
-    ChildProcess child([] {
+/// Expects both streams of a process, written to one place, to begin like this.
+void ExpectFirstWords(const std::string& words, const std::function<void()>& act) {
+    ChildProcess child([&] {
         dup2(STDERR_FILENO, STDOUT_FILENO);
-        IfReq(unknown).DoIoCtl(IfConfig::GetASocketDescriptor(), SIOCGIFFLAGS);
+        act();
     });
     EXPECT_EQ(SIGABRT, child.EndingSignal());
     EXPECT_EQ("", child.Output());
-    EXPECT_EQ(0U, child.Errors().find("IfReq::DoIoCtl error ioctl : No such device\nAssertion Failed\n"))
-        << child.Errors();
+    EXPECT_THAT(child.Errors(), testing::StartsWith(words));
+}
+
+TEST(IfReqRefusal, StandardOutputIsToldFirst) {
+    ExpectFirstWords("IfReq::DoIoCtl error ioctl : No such device\nAssertion Failed\n",
+                     [] { IfReq(unknown).DoIoCtl(IfConfig().GetSocketDescriptor(), SIOCGIFFLAGS); });
+}
+
+TEST(GetAllIfsRefusal, StandardOutputIsToldFirst) {
+    const Pipe pipe;
+    ExpectFirstWords(
+        "GetAllIfs::DoIoCtl SIOCGIFCONF error ioctl(Get SIOCGIFCONF): Inappropriate ioctl for device\n"
+        "Assertion Failed\n",
+        [&] {
+            std::vector<const char*> results;
+            GetAllIfs().DoIoCtl(pipe.Number(), results);
+        });
 }
 
 TEST(IfFlagsReqRefusal, ARequestThatIsNotAboutFlagsIsNotMade) {

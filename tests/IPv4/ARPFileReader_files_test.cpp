@@ -253,19 +253,51 @@ TEST(ARPFileReaderEndlessFile, IsLeftAtAWordThatIsNoAddress) {
                std::string(typeid(std::runtime_error).name()) + ": bad ip address string length");
 }
 
-TEST(ARPFileReaderPipe, IsReadBehindAnyAmountOfWhiteSpace) {
-    for (const char* const piece : {"    ", "\n\n\n\n", " \t\r\n"}) {
-        std::string pieces;
-        for (int i = 0; i < 1024; ++i) {
-            pieces += piece;
+TEST(ARPFileReaderEndlessFile, IsLeftInWhiteSpaceThatDoesNotEnd) {
+    for (const char c : {' ', '\n', '\t'}) {
+        for (const char* const begin : {"", "10.0.0.2", "10.0.0.2 0x1 0x2 00:11:22:33:44:55 * "}) {
+            ExpectLeft({arp_header + entry + begin, std::string(4096, c), 64 * mebibyte / 4096, "\n"}, mac);
         }
-        Spring spring({arp_header + entry, pieces, 8 * mebibyte / 4096, later_entry});
+    }
+}
+
+TEST(ARPFileReaderEndlessFile, OfOneEntryEndsTheProcess) {
+    Spring spring({arp_header, later_entry, 64 * mebibyte / later_entry.size(), "\n"});
+    ChildProcess child([&] { ARPFileReader(spring.Name().c_str()).CacheFileContent(); });
+    EXPECT_EQ(SIGABRT, child.EndingSignal());
+    EXPECT_THAT(child.Errors(), testing::HasSubstr("m_IPARPEntryMap.find(tblentry.m_IPAddress)"));
+    EXPECT_TRUE(spring.WasLeft());
+}
+
+TEST(ARPFileReaderPipe, IsReadBehindAMillionCharactersOfWhiteSpace) {
+    for (const char* const piece : {"    ", "\n\n\n\n", " \t\r\n"}) {
+        Spring spring({arp_header + entry, piece, 249999, later_entry});
         ARPFileReader reader(spring.Name().c_str());
         EXPECT_EQ("", RefusalBy(reader));
         EXPECT_EQ(mac, Known(reader, ip));
         EXPECT_EQ(mac, Known(reader, later_ip));
         EXPECT_FALSE(spring.WasLeft());
     }
+}
+
+/// Reads what is in a pipe whose writer goes on to have it open, in a child: it would wait for more.
+void ExpectNotWaited(const std::string& text, const std::string& known, const std::string& refusal = "") {
+    const Folder folder;
+    const std::string name = folder.Path("arp");
+    ASSERT_EQ(0, mkfifo(name.c_str(), 0600));
+    const OwnedDescriptor both_ends(open(name.c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_EQ(static_cast<ssize_t>(text.size()), write(both_ends.Number(), text.data(), text.size()));
+    TarnTest::InChild([&] {
+        ARPFileReader reader(name.c_str());
+        EXPECT_EQ(refusal, RefusalBy(reader));
+        EXPECT_EQ(known, Known(reader, ip));
+    });
+}
+
+TEST(ARPFileReaderPipe, IsNotWaitedForWhenReadingHasEnded) {
+    ExpectNotWaited(std::string(79, 'h'), not_known);
+    ExpectNotWaited(arp_header + entry + "10.0.0.2 0x1 0x2 1 * eth0\n", mac,
+                    std::string(typeid(std::runtime_error).name()) + ": incorrect length for MAC address string");
 }
 
 TEST(ARPFileReaderPipe, IsReadToItsEndWhateverPiecesItComesIn) {

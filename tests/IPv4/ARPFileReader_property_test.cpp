@@ -129,9 +129,15 @@ TEST(ARPFileReaderProperty, KnowsNothingOfTheTablesBefore) {
     ARPFileReader reader(file.Name().c_str());
     ArpMapping before;
     for (int round = 0; round < 50; ++round) {
-        const ArpMapping mapping = RandomMapping(random, random.Below(40));
+        ArpMapping mapping = RandomMapping(random, random.Below(40));
+        for (const auto& [address, hardware_address] : before) {
+            if (random.OneIn(2)) {
+                mapping.emplace(address, random.OneIn(2) ? hardware_address : random.Octets<6>());
+            }
+        }
         file.Write(Table(random, mapping));
         ASSERT_EQ("", RefusalBy(reader));
+        ASSERT_EQ(0U, CountDifferences(reader, mapping));
         for (auto& [address, hardware_address] : before) {
             const auto entry = mapping.find(address);
             hardware_address = entry != mapping.end() ? entry->second : HardwareOctets{};
@@ -181,6 +187,18 @@ void Repeat(Random& random, std::string& text, const ArpMapping& mapping) {
     }
 }
 
+/// Puts white space behind the header, so that a stream takes the rest in two pieces.
+void MoveToBoundary(Random& random, std::string& text) {
+    const std::size_t header_end = text.find('\n');
+    if (header_end != std::string::npos) {
+        const std::size_t rest = text.size() - header_end;
+        text.insert(
+            header_end + 1,
+            std::max<std::size_t>(header_end + rest, 8191) - header_end - random.Below(static_cast<unsigned int>(rest)),
+            ' ');
+    }
+}
+
 TEST(ARPFileReaderProperty, ReadsADamagedTableWordByWord) {
     Random random(1234567);
     TableFile file;
@@ -195,6 +213,9 @@ TEST(ARPFileReaderProperty, ReadsADamagedTableWordByWord) {
         }
         for (unsigned int damages = random.Below(4); damages > 0; --damages) {
             Damage(random, text);
+        }
+        if (random.OneIn(2)) {
+            MoveToBoundary(random, text);
         }
         file.Write(text);
         const TableReading expected = ReadByWords(file.Name());
@@ -218,7 +239,8 @@ TEST(ARPFileReaderProperty, ReadsADamagedTableWordByWord) {
 
 // --- tables that are cut where the system gives the next piece of a file ---
 
-constexpr std::array<std::size_t, 5> boundaries = {4096, 8191, 8192, 65536, 131072};
+// What streams take from a file at a time, and pages.
+constexpr std::array<std::size_t, 5> boundaries = {8191, 8192, 65528, 65536, 131072};
 
 const std::string first_line = "10.0.0.1 0x1 0x2 02:00:00:00:00:01 * eth0";
 const std::string second_line = "10.0.0.2\t0x1  0x2 02:00:00:00:00:02 * eth1";

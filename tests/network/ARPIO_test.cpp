@@ -15,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/ArpTable.h"
+#include "tests/support/Neighbours.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/InterfaceState.h"
 #include "tests/support/NetworkTest.h"

@@ -4,16 +4,13 @@
 #include <TarnSocketIO/IPv4/IPAddress.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <linux/capability.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
-#include <array>
 #include <functional>
 #include <string>
 
 #include "tests/support/ChildProcess.h"
 #include "tests/support/NetworkTest.h"
+#include "tests/support/Privileges.h"
 #include "tests/support/TestEndpoint.h"
 
 using TarnSocketIO::CONNECTION_ICMP;
@@ -25,26 +22,10 @@ using testing::ElementsAre;
 
 namespace {
 
-/// Takes the right to raw sockets from the calling thread, for good.
-bool GiveUpRawSockets() {
-    __user_cap_header_struct header{};
-    header.version = _LINUX_CAPABILITY_VERSION_3;
-    std::array<__user_cap_data_struct, _LINUX_CAPABILITY_U32S_3> sets{};
-    if (syscall(SYS_capget, &header, sets.data()) != 0) {
-        return false;
-    }
-    for (__user_cap_data_struct& set : sets) {
-        set.effective = 0;
-        set.permitted = 0;
-        set.inheritable = 0;
-    }
-    return syscall(SYS_capset, &header, sets.data()) == 0;
-}
-
 /// Runs `act` in a child process. @return what that has written to standard error.
 std::string WithoutRawSockets(const std::function<void()>& act) {
     ChildProcess child([&] {
-        ASSERT_TRUE(GiveUpRawSockets());
+        ASSERT_TRUE(TarnTest::GiveUpPrivileges());
         act();
     });
     EXPECT_EQ(0, child.ExitStatus()) << "ended by signal " << child.EndingSignal() << "\n" << child.Failures();

@@ -248,6 +248,7 @@ TEST_F(DeletedAlias, IsNeverAPhysicalInterface) {
         {"", "wire1:1"},
         {"wire0", ""},
         {"", ""},
+        {"", ":1"},
         {"lo", "lo"},
         {"a23456789012345", "a23456789012345"},
         // Cut, these would be without a label.
