@@ -205,6 +205,8 @@ TEST(ARPFileReaderMalformed, AddressIsRefusedAsByItsParser) {
         {"1.2.3.-1", RefusalOf<std::range_error>("bad ip address string field")},
         {"1.2.3.0400", RefusalOf<std::range_error>("bad ip address string field")},
         {"1.2.3.4x", RefusalOf<std::runtime_error>("bad ip address string")},
+        {"1.2.3.4:5", RefusalOf<std::runtime_error>("bad ip address string")},
+        {"1.2.3.1234", RefusalOf<std::range_error>("bad ip address string field")},
         {"1.2.3.08", RefusalOf<std::runtime_error>("bad ip address string")},
         {"1.2.3.4.5", RefusalOf<std::runtime_error>("bad ip address string")},
         {"100.2.3", RefusalOf<std::runtime_error>("bad ip address string")},
@@ -320,6 +322,15 @@ TEST(ARPFileReaderDuplicate, EndsTheProcess) {
             const TableFile file(text);
             ExpectDeath(file.Name());
         }
+    }
+}
+
+TEST(ARPFileReaderDuplicate, EndsTheProcessWhicheverOctetOfAnAddressBetweenDiffers) {
+    for (const char* const other : {"11.0.0.1", "10.1.0.1", "10.0.1.1", "10.0.0.2", "9.0.0.1", "10.0.0.0"}) {
+        const TableFile between(arp_header + ArpLine("10.0.0.1", mac) + ArpLine(other, mac) + ArpLine("10.0.0.1", mac));
+        ExpectDeath(between.Name());
+        const TableFile before(arp_header + ArpLine(other, mac) + ArpLine("10.0.0.1", mac) + ArpLine(other, mac));
+        ExpectDeath(before.Name());
     }
 }
 

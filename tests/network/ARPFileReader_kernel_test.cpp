@@ -11,8 +11,8 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/Neighbours.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Neighbours.h"
 #include "tests/support/NetworkTest.h"
 #include "tests/support/PrivateNetwork.h"
 #include "tests/support/Privileges.h"

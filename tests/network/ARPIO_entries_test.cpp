@@ -14,8 +14,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "tests/support/Neighbours.h"
 #include "tests/support/ChildProcess.h"
+#include "tests/support/Neighbours.h"
 #include "tests/support/NetworkTest.h"
 #include "tests/support/PrivateNetwork.h"
 

@@ -1,6 +1,7 @@
 #include "tests/support/PretendedInterfaces.h"
 
 #include <net/if.h>
+#include <net/if_arp.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
@@ -45,6 +46,7 @@ struct State {
     std::vector<Interface> interfaces;
     std::map<int, int> refused;
     std::map<int, IPAddress> falsified;
+    std::map<IPAddress, sockaddr> neighbours;  // their hardware addresses
     int result = 0;
     int length_of_list = -1;
     Shared<Log> log;
@@ -52,12 +54,14 @@ struct State {
 
 State* state = nullptr;
 
-/// @return null if it is none about interfaces.
+/// @return null if it is none that is answered here.
 const char* NameOf(unsigned long request) {
     static const std::map<unsigned long, const char*> names = {
-        {SIOCGIFCONF, "SIOCGIFCONF"},       {SIOCGIFFLAGS, "SIOCGIFFLAGS"},     {SIOCSIFFLAGS, "SIOCSIFFLAGS"},
-        {SIOCGIFADDR, "SIOCGIFADDR"},       {SIOCSIFADDR, "SIOCSIFADDR"},       {SIOCGIFNETMASK, "SIOCGIFNETMASK"},
-        {SIOCSIFNETMASK, "SIOCSIFNETMASK"}, {SIOCGIFBRDADDR, "SIOCGIFBRDADDR"}, {SIOCSIFBRDADDR, "SIOCSIFBRDADDR"}};
+        {SIOCGIFCONF, "SIOCGIFCONF"},       {SIOCGIFFLAGS, "SIOCGIFFLAGS"},
+        {SIOCSIFFLAGS, "SIOCSIFFLAGS"},     {SIOCGIFADDR, "SIOCGIFADDR"},
+        {SIOCSIFADDR, "SIOCSIFADDR"},       {SIOCGIFNETMASK, "SIOCGIFNETMASK"},
+        {SIOCSIFNETMASK, "SIOCSIFNETMASK"}, {SIOCGIFBRDADDR, "SIOCGIFBRDADDR"},
+        {SIOCSIFBRDADDR, "SIOCSIFBRDADDR"}, {SIOCGARP, "SIOCGARP"}};
     const auto found = names.find(request);
     return found != names.end() ? found->second : nullptr;
 }
@@ -79,6 +83,11 @@ std::string Describe(unsigned long request, const void* argument) {
     if (request == SIOCGIFCONF) {
         const auto length = static_cast<std::size_t>(static_cast<const ifconf*>(argument)->ifc_len);
         text << length / sizeof(ifreq) << " records";
+        return text.str();
+    }
+    if (request == SIOCGARP) {
+        const arpreq& query = *static_cast<const arpreq*>(argument);
+        text << IPAddress(query.arp_pa) << " on \"" << query.arp_dev << "\", flags " << query.arp_flags;
         return text.str();
     }
     const ifreq& record = *static_cast<const ifreq*>(argument);
@@ -158,6 +167,15 @@ int AnswerFor(unsigned long request, ifreq& record) {
     return state->result;
 }
 
+int AnswerQuery(arpreq& query) {
+    const auto found = state->neighbours.find(query.arp_pa);
+    if (found == state->neighbours.end()) {
+        return Fail(ENXIO);
+    }
+    query.arp_ha = found->second;
+    return state->result;
+}
+
 int AnswerRequest(int fd, unsigned long request, void* argument) {
     state->log->Add(Describe(request, argument), fd);
     const int number = state->log->count;
@@ -170,6 +188,9 @@ int AnswerRequest(int fd, unsigned long request, void* argument) {
     }
     if (request == SIOCGIFCONF) {
         return FillList(*static_cast<ifconf*>(argument));
+    }
+    if (request == SIOCGARP) {
+        return AnswerQuery(*static_cast<arpreq*>(argument));
     }
     const auto falsified = state->falsified.find(number);
     if (falsified != state->falsified.end()) {
@@ -205,6 +226,13 @@ void PretendedInterfaces::SetResult(int result) {
 
 void PretendedInterfaces::SetLengthOfList(int length) {
     state->length_of_list = length;
+}
+
+void PretendedInterfaces::AddNeighbour(IPAddress address, unsigned short hardware_type,
+                                       const TarnSocketIO::MACAddress& mac) {
+    sockaddr& hardware_address = state->neighbours[address];
+    hardware_address.sa_family = hardware_type;
+    std::copy_n(mac.OctetForm(), 6, hardware_address.sa_data);
 }
 
 std::vector<std::string> PretendedInterfaces::Requests() const {

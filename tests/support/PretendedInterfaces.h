@@ -1,21 +1,23 @@
 #pragma once
 
 #include <TarnSocketIO/IPv4/IPAddress.h>
+#include <TarnSocketIO/eth/MACAddress.h>
 
 #include <string>
 #include <vector>
 
 namespace TarnTest {
 
-/// Answers every request about network interfaces in the kernel's place, for as long as the object lives, and remembers
-/// them. One at a time, used by one thread. What the program's real interfaces are does not matter then, and they are
-/// not touched. Requests of a forked process are remembered with the others, but what they have changed is not.
+/// Answers every request about network interfaces and the ARP table in the kernel's place, for as long as the object
+/// lives, and remembers them. One at a time, used by one thread. What the program's real interfaces are does not matter
+/// then, and they are not touched. Requests of a forked process are remembered with the others, but what they have
+/// changed is not.
 ///
 /// It answers as the kernel does: a name that it does not know is refused with ENODEV, unless it is an alias that gets
-/// its address; with its flag IFF_UP an alias goes.
+/// its address; with its flag IFF_UP an alias goes. A neighbour that it does not know is refused with ENXIO.
 ///
-/// The program that links PretendedInterfaces.cpp has its `ioctl` in the place of the C library's. What is no request
-/// about interfaces is passed on, and so is everything while there is no object.
+/// The program that links PretendedInterfaces.cpp has its `ioctl` in the place of the C library's. What is none of
+/// these requests is passed on, and so is everything while there is no object.
 class PretendedInterfaces {
 public:
     struct Interface {
@@ -44,8 +46,12 @@ public:
     /// The length in bytes that the list of interfaces is said to have.
     void SetLengthOfList(int length);
 
+    /// A host in the ARP table, whatever device a query names. @param hardware_type  such as ARPHRD_ETHER.
+    void AddNeighbour(IPv4::IPAddress address, unsigned short hardware_type, const TarnSocketIO::MACAddress& mac);
+
     /// The requests so far, oldest first: `SIOCSIFADDR eth0:1 192.0.2.7`, `SIOCGIFNETMASK eth0`,
-    /// `SIOCSIFFLAGS eth0:1 0x1042`, `SIOCGIFCONF 10 records`. Failed ones are among them.
+    /// `SIOCSIFFLAGS eth0:1 0x1042`, `SIOCGIFCONF 10 records`, `SIOCGARP 192.0.2.1 on "eth0", flags 8`. Failed ones are
+    /// among them.
     std::vector<std::string> Requests() const;
 
     /// The descriptor that all of them were made on; -1 if there was none, or more than one.

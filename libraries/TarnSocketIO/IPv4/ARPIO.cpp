@@ -66,7 +66,11 @@ int ARPIO::GetEntry(ARPTableIPv4Entry& entry) const {
     }
     const int error = errno;
     // Flushed before the address is asked for: without an IPv4 one the process ends there.
-    std::cout << "ARPIO::GetEntry error: " << std::dec << std::flush;
+    std::cout << "ARPIO::GetEntry error: " << std::flush;
+    // Set only where it is not: what other threads may be writing with must not change under them.
+    if ((std::cout.flags() & std::ios_base::basefield) != std::ios_base::dec) {
+        std::cout << std::dec;
+    }
     std::cout << entry.GetIPv4Address() << " " << std::flush;
     errno = error;
     std::perror("ioctl(Get ARP entry)");
