@@ -4,7 +4,8 @@
 //     alias_interface change eth0 eth0:1 192.0.2.8 255.255.255.0 192.0.2.255
 //     alias_interface delete eth0 eth0:1
 //
-// For change, 0.0.0.0 leaves a value as it is, and 1.0.0.0 takes that of the main interface. Needs CAP_NET_ADMIN.
+// For change, 0.0.0.0 asks for nothing, and 1.0.0.0 takes the value of the main interface. With a new address the
+// kernel chooses netmask and broadcast address anew, if they are not given. Needs CAP_NET_ADMIN.
 //
 // A request that the kernel refuses ends a process that uses the library as it is. This one goes on: it brings a
 // failure action of its own.
@@ -14,20 +15,33 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <stdexcept>
+#include <string>
 
 namespace {
 
 using IPv4::IPAddress;
 using TarnSocketIO::IfConfig;
 
+/// Assertions that have failed.
+int failures = 0;
+
+IPAddress Parse(const char* text) {
+    try {
+        return text;
+    } catch (const std::exception& error) {
+        throw std::invalid_argument(std::string("\"") + text + "\" is no address: " + error.what());
+    }
+}
+
 int Add(char** arguments) {
-    TarnSocketIO::AddAliasIf add(arguments[0], arguments[1], IPAddress(arguments[2]), true);
+    TarnSocketIO::AddAliasIf add(arguments[0], arguments[1], Parse(arguments[2]), true);
     return IfConfig().DoIoCtl(add);
 }
 
 int Change(char** arguments) {
-    TarnSocketIO::ChangeAliasIf change(arguments[0], arguments[1], IPAddress(arguments[2]), IPAddress(arguments[3]),
-                                       IPAddress(arguments[4]));
+    TarnSocketIO::ChangeAliasIf change(arguments[0], arguments[1], Parse(arguments[2]), Parse(arguments[3]),
+                                       Parse(arguments[4]));
     return IfConfig().DoIoCtl(change);
 }
 
@@ -54,6 +68,7 @@ void AssertFailStdErrBase::ReportWhat(const char* /*banner*/, const char* functi
 
 void AssertFailStdErrAbort::DoAction() {
     std::fprintf(stderr, "\n");
+    ++failures;
 }
 
 int main(int argc, char* argv[]) {
@@ -67,10 +82,14 @@ int main(int argc, char* argv[]) {
                 std::fprintf(stderr, "alias_interface: %s of %s failed: %s\n", command.name, argv[3],
                              std::strerror(error));
             }
-            return error == 0 ? 0 : 1;
-        } catch (const std::exception& error) {
+            // A setting that does not read back as it was set is no error of the kernel's, but it has been reported.
+            return error == 0 && failures == 0 ? 0 : 1;
+        } catch (const std::invalid_argument& error) {
             std::fprintf(stderr, "alias_interface: %s\n", error.what());
             return 2;
+        } catch (const std::exception& error) {
+            std::fprintf(stderr, "alias_interface: %s\n", error.what());
+            return 1;
         }
     }
     std::fprintf(stderr,

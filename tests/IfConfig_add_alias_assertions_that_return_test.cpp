@@ -245,6 +245,30 @@ TEST(DelAliasIf, ANameThatIsNotOfAnAliasIsRefusedWithoutARequest) {
     });
 }
 
+TEST(AddAliasIf, AsksForNothingWhereTheKernelWouldNotSeeTheLabel) {
+    for (const char* const name : {"abcdefghijklmno:1", "abcdefghijklmnopq:1", "abcdefghijklmno:"}) {
+        ExpectRun({"", "", {}}, [name] {
+            PretendedInterfaces::Interface long_named = main_interface;
+            long_named.name = "abcdefghijklmno";
+            const PretendedInterfaces interfaces({long_named});
+            AddAliasIf add(long_named.name.c_str(), name, alias_address, true);
+            EXPECT_EQ(EINVAL, add.DoIoCtl(sd));
+            TarnSocketIO::ChangeAliasIf change(long_named.name.c_str(), name, alias_address, from_main, from_main);
+            EXPECT_EQ(EINVAL, change.DoIoCtl(sd));
+            EXPECT_THAT(interfaces.Requests(), IsEmpty());
+        });
+    }
+}
+
+TEST(AddAliasIf, ALongLabelIsCut) {
+    ExpectRun({"", "", {}}, [] {
+        const PretendedInterfaces interfaces({main_interface});
+        AddAliasIf add("eth0", "eth0:0123456789abc", alias_address, false);
+        EXPECT_EQ(0, add.DoIoCtl(sd));
+        EXPECT_THAT(interfaces.Requests(), ElementsAre("SIOCSIFADDR eth0:0123456789 192.0.2.7"));
+    });
+}
+
 TEST(DelAliasIf, ANameThatEndsBeforeItsLabelIsRefusedToo) {
     ExpectRun({"", "", {}}, [] {
         const PretendedInterfaces interfaces({main_interface, alias});

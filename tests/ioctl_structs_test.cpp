@@ -127,6 +127,25 @@ TEST(IfReq, NameIsThatOfTheRecordItself) {
     EXPECT_EQ(record.ifr_name, record.GetIfName());
 }
 
+TEST(IfReq, ANameMayBeTheRecordsOwn) {
+    IfReq request("abcdefghijklmno");
+    request.SetIfName(request.GetIfName() + 11);
+    EXPECT_STREQ("lmno", request.GetIfName());
+    request.SetAddress(IPAddress(192, 0, 2, 1));
+    request.Init(request.GetIfName());
+    EXPECT_STREQ("lmno", request.GetIfName());
+    EXPECT_EQ(0, request.GetFlags());
+}
+
+TEST(IfReq, TheLastByteOfANameIsZero) {
+    for (const char* const name : {"", "a", "abcdefghijklmno", "abcdefghijklmnop"}) {
+        IfReq request("");
+        request.ifr_name[IFNAMSIZ - 1] = 'x';
+        request.SetIfName(name);
+        EXPECT_EQ('\0', request.ifr_name[IFNAMSIZ - 1]) << name;
+    }
+}
+
 TEST(IfReq, ALongNameLeavesTheAddressBehindItAlone) {
     IfReq record = FullRecord();
     record.SetIfName(std::string(100, 'x').c_str());

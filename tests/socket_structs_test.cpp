@@ -209,6 +209,17 @@ TYPED_TEST(ArpRecord, HasNoHardwareAddressAnyMoreWhenItIsGivenADevice) {
     EXPECT_EQ(Octets{}, OctetsOf(record.GetMACAddress()));
 }
 
+TYPED_TEST(ArpRecord, ADeviceNameMayBeTheRecordsOwn) {
+    TypeParam record;
+    record.SetDeviceName("abcdefghijklmno");
+    record.SetDeviceName(record.GetDeviceName());
+    EXPECT_STREQ("abcdefghijklmno", record.GetDeviceName());
+    record.SetDeviceName(record.GetDeviceName() + 11);
+    EXPECT_STREQ("lmno", record.GetDeviceName());
+    record.Init(IPv4::IPAddress(192, 0, 2, 1), record.GetDeviceName(), ARPReq::FLAG_COM, ARPReq::FLAG_NONE);
+    EXPECT_STREQ("lmno", record.GetDeviceName());
+}
+
 TYPED_TEST(ArpRecord, SetFlagsReplacesThem) {
     TypeParam record;
     record.SetFlags(ARPReq::FLAG_COM, ARPReq::FLAG_PERM, ARPReq::FLAG_PUBL);

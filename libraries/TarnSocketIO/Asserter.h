@@ -114,6 +114,8 @@ struct SocketIOAssertDone {
     SOCKETIO_ASSERT_AS(__PRETTY_FUNCTION__, file, line, expression, #expression)
 
 /// @cond internal
+// What the three above are made of. Used where a part of an operation reports as the operation does, or where the
+// expression is reported in other words than it is written in. `text` is what is reported.
 // NOLINTBEGIN(bugprone-macro-parentheses): values follow, and parentheses around all of it would shut them out
 #define SOCKETIO_ASSERT_AS(function, file, line, expression, text)                                                \
     static_cast<bool>(expression)                                                                                 \

@@ -89,7 +89,7 @@ bool CSocket::UpdateARPTable(const std::string& device, const CIPString& ip, CMa
     // Kept: the bytes of the hardware address, not its text.
     CUtility::Debug("CSocket::UpdateARPTable - adding IP: %s MAC: %s", ip.c_str(), request.arp_ha.sa_data);
     const SocketUse receiver = UseReceiver();
-    return ioctl(receiver.Get(), SIOCSARP, &request) != -1;
+    return detail::Control(receiver.Get(), SIOCSARP, &request);
 }
 
 int CSocket::Arping(const CIPString& source, const CIPString& target) {

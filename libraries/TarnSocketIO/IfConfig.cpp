@@ -2,16 +2,15 @@
 
 #include <net/if.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
-#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 
 #include <TarnSocketIO/detail/BoundedText.h>
+#include <TarnSocketIO/detail/Descriptor.h>
 #include <TarnSocketIO/detail/PrintLine.h>
 #include <TarnSocketIO/detail/SocketCalls.h>
 
@@ -40,11 +39,10 @@ bool IsFromMain(IPAddress value) {
     return value == IPAddress(1, 0, 0, 0);
 }
 
-/// @param error  the errno of a request, which the C library shall have words for.
-void TellError(const char* what, int error) {
-    errno = error;
-    std::perror(what);
-    errno = error;
+/// @return whether the kernel, which sees 15 characters, would take an alias's name for that of an interface.
+bool IsCutToAnInterface(const std::string& name) {
+    const std::size_t label = name.find(':');
+    return label != std::string::npos && label >= IFNAMSIZ - 1;
 }
 
 }  // namespace
@@ -52,10 +50,10 @@ void TellError(const char* what, int error) {
 IfConfig::IfConfig() : m_sd(GetASocketDescriptor()) {}
 
 IfConfig::~IfConfig() {
-    if (m_sd < 0 || ::close(m_sd) == 0 || errno == EINTR) {
+    if (m_sd < 0 || detail::CloseOnce(m_sd) || errno == EINTR) {
         return;
     }
-    std::perror("close - ~IfConfig()");
+    detail::PrintError("close - ~IfConfig()", errno);
     detail::PrintText("~SocketIPIfIO() failed");
 }
 
@@ -63,7 +61,7 @@ int IfConfig::GetASocketDescriptor() {
     const int sd = detail::OpenSocket(SOCK_DGRAM, 0);
     if (sd < 0) {
         // Kept: the words of the two texts are not those of what has failed.
-        std::perror("close - IfConfig::GetASocketDescriptor()");
+        detail::PrintError("close - IfConfig::GetASocketDescriptor()", errno);
         throw std::runtime_error("could open socket for IfConfig");
     }
     return sd;
@@ -75,10 +73,10 @@ GetAllIfs::ErrorType GetAllIfs::DoIoCtl(int sd, std::vector<const char*>& result
     SOCKETIO_ASSERT_IN(source_file, 77, sd >= 0);
     SOCKETIO_ASSERT_IN(source_file, 78, m_IfReqs.size() >= INITIAL_IFREQ_SIZE);
     IfConf ifconf_tmp(m_IfReqs.data(), static_cast<unsigned int>(m_IfReqs.size()));
-    if (::ioctl(sd, SIOCGIFCONF, &ifconf_tmp) < 0) {
+    if (!detail::Control(sd, SIOCGIFCONF, static_cast<ifconf*>(&ifconf_tmp))) {
         const int error = errno;
         detail::PrintLine("GetAllIfs::DoIoCtl SIOCGIFCONF error ");
-        TellError("ioctl(Get SIOCGIFCONF)", error);
+        detail::PrintError("ioctl(Get SIOCGIFCONF)", error);
         if (errno != 0) {
             SOCKETIO_ASSERT_IN(source_file, 88, !errno)(errno);
         }
@@ -117,6 +115,9 @@ ChangeAliasIf::ErrorType ChangeAliasIf::DoIoCtl(int sd) {
     const char* const function = __PRETTY_FUNCTION__;
     ASSERT_OF_OPERATION(153, !m_main_if_name.empty());
     ASSERT_OF_OPERATION(154, !m_alias_if_name.empty());
+    if (IsCutToAnInterface(m_alias_if_name)) {
+        return EINVAL;
+    }
     ErrorType err = 0;
     if (ApplyAddress(sd, function, err) && ApplyNetmask(sd, function, err)) {
         ApplyBroadcast(sd, function, err);
@@ -130,7 +131,7 @@ bool ChangeAliasIf::ApplyAddress(int sd, const char* function, ErrorType& err) {
     }
     err = SetAddress(m_alias_if_name.c_str(), m_alias_ip).DoIoCtl(sd);
     if (err != 0) {
-        TellError("ioctl - Could not set a alias interface ip address", err);
+        detail::PrintError("ioctl - Could not set a alias interface ip address", err);
         ASSERT_OF_OPERATION(166, !err)(m_alias_if_name)(m_alias_ip);
     }
     return err == 0;
@@ -144,7 +145,7 @@ bool ChangeAliasIf::ApplyNetmask(int sd, const char* function, ErrorType& err) {
         ASSERT_OF_OPERATION(177, !m_main_if_name.empty());
         err = GetNetmask(m_main_if_name.c_str()).DoIoCtl(sd, m_netmask);
         if (err != 0) {
-            TellError("ioctl - To get the netmask for interface", err);
+            detail::PrintError("ioctl - To get the netmask for interface", err);
             ASSERT_OF_OPERATION(183, !err)(m_main_if_name)(m_netmask);
             return false;
         }
@@ -152,7 +153,7 @@ bool ChangeAliasIf::ApplyNetmask(int sd, const char* function, ErrorType& err) {
     ASSERT_OF_OPERATION(189, !m_alias_if_name.empty());
     err = SetNetmask(m_alias_if_name.c_str(), m_netmask).DoIoCtl(sd);
     if (err != 0) {
-        TellError("ioctl - Set the netmask for alias interface", err);
+        detail::PrintError("ioctl - Set the netmask for alias interface", err);
         ASSERT_OF_OPERATION(195, !err)(m_netmask);
         return false;
     }
@@ -161,13 +162,14 @@ bool ChangeAliasIf::ApplyNetmask(int sd, const char* function, ErrorType& err) {
     err = GetNetmask(m_alias_if_name.c_str()).DoIoCtl(sd, alias_netmask);
     if (err != 0) {
         // Kept: what cannot be read back is compared all the same.
-        TellError("ioctl - To get the alias netmask for interface", err);
+        detail::PrintError("ioctl - To get the alias netmask for interface", err);
         ASSERT_OF_OPERATION(208, !err);
     }
     ASSERT_OF_OPERATION(210, m_netmask == alias_netmask)(m_netmask)(alias_netmask);
     return true;
 }
 
+// The same for the broadcast address. Each step has a text and a place of its own, which reports are looked up by.
 bool ChangeAliasIf::ApplyBroadcast(int sd, const char* function, ErrorType& err) {
     if (IsAbsent(m_bcast)) {
         return true;
@@ -176,7 +178,7 @@ bool ChangeAliasIf::ApplyBroadcast(int sd, const char* function, ErrorType& err)
         ASSERT_OF_OPERATION(229, !m_main_if_name.empty());
         err = GetBroadcast(m_main_if_name.c_str()).DoIoCtl(sd, m_bcast);
         if (err != 0) {
-            TellError("ioctl - To get the bcast for interface", err);
+            detail::PrintError("ioctl - To get the bcast for interface", err);
             ASSERT_OF_OPERATION(235, !err)(m_main_if_name)(m_bcast);
             return false;
         }
@@ -184,7 +186,7 @@ bool ChangeAliasIf::ApplyBroadcast(int sd, const char* function, ErrorType& err)
     ASSERT_OF_OPERATION(242, !m_alias_if_name.empty());
     err = SetBroadcast(m_alias_if_name.c_str(), m_bcast).DoIoCtl(sd);
     if (err != 0) {
-        TellError("ioctl - Set the bcast for alias interface", err);
+        detail::PrintError("ioctl - Set the bcast for alias interface", err);
         ASSERT_OF_OPERATION(248, !err)(m_bcast);
         return false;
     }
@@ -193,7 +195,7 @@ bool ChangeAliasIf::ApplyBroadcast(int sd, const char* function, ErrorType& err)
     err = GetBroadcast(m_alias_if_name.c_str()).DoIoCtl(sd, alias_bcast);
     if (err != 0) {
         // Kept, as above.
-        TellError("ioctl - To get the alias bcast for interface", err);
+        detail::PrintError("ioctl - To get the alias bcast for interface", err);
         ASSERT_OF_OPERATION(261, !err);
     }
     ASSERT_OF_OPERATION(263, m_bcast == alias_bcast)(m_bcast)(alias_bcast);
@@ -212,9 +214,12 @@ AddAliasIf::ErrorType AddAliasIf::DoIoCtl(int sd) {
     SOCKETIO_ASSERT_IN(source_file, 110, sd >= 0);
     SOCKETIO_ASSERT_IN(source_file, 111, !m_main_if_name.empty());
     SOCKETIO_ASSERT_IN(source_file, 112, !m_alias_if_name.empty());
+    if (IsCutToAnInterface(m_alias_if_name)) {
+        return EINVAL;
+    }
     ErrorType err = SetAddress(m_alias_if_name.c_str(), m_alias_ip).DoIoCtl(sd);
     if (err != 0) {
-        TellError("ioctl - Could not set an alias interface", err);
+        detail::PrintError("ioctl - Could not set an alias interface", err);
         SOCKETIO_ASSERT_IN(source_file, 119, !err)(m_alias_if_name)(m_alias_ip);
         return err;
     }

@@ -42,9 +42,8 @@ public:
     /// Opens a datagram socket, which programs that are started do not inherit.
     ///
     /// @return its descriptor, the caller's to close.
-    /// @throws std::runtime_error "could open socket for IfConfig" if there is none (EMFILE, ENFILE, ...); the reason
-    /// is
-    ///         on standard error.
+    /// @throws std::runtime_error "could open socket for IfConfig" if there is none (EMFILE, ENFILE, ...), with the
+    ///         reason on standard error.
     static int GetASocketDescriptor();
 
     /// @return the descriptor, which stays this object's; valid while it lives.
@@ -71,9 +70,8 @@ public:
 
     static constexpr unsigned int INITIAL_IFREQ_SIZE = 10;
 
-    /// @param records  how many addresses there is room for: INITIAL_IFREQ_SIZE or more. They are not added to: what
-    /// the
-    ///                 kernel has more of is not reported.
+    /// @param records  how many addresses there is room for: INITIAL_IFREQ_SIZE or more. They are not added to, and of
+    ///                 what the kernel has more of, nothing is reported.
     explicit GetAllIfs(unsigned int records = INITIAL_IFREQ_SIZE);
 
     /// Asks the kernel for its interfaces: one record for each address, in the kernel's order. An alias is listed under
@@ -134,10 +132,11 @@ public:
     explicit GetIoCltIf(const char* if_name) : IfReq(if_name) {}
 
     /// @return the value that is in the record.
+    /// @throws std::logic_error if the record holds no IPv4 address, as before a request.
     GetType Get() const { return (this->*IfReqMFPtr)(); }
 
     /// Makes the request.
-    /// @param out  gets the value; not touched if the request fails.
+    /// @param out  gets the value; not touched if the request fails. Throws as Get, if the kernel has another family.
     ErrorType DoIoCtl(int sd, ValType& out) {
         SOCKETIO_ASSERT_IN("libraries/TarnSocketIO/IfConfig.h", 377, sd >= 0);
         const ErrorType err = IfReq::DoIoCtl(sd, IoCtlReq);
@@ -151,14 +150,18 @@ public:
 /// Changes address, netmask and broadcast address of an alias, in this order, as far as they are given. Netmask and
 /// broadcast address are read back: one that is not what was set is a failed assertion.
 ///
-/// Of each value 0.0.0.0 means that it is left alone. Of the last two 1.0.0.0 means that of the main interface.
+/// Of each value 0.0.0.0 means that nothing is asked for it. Of the last two 1.0.0.0 means that of the main interface.
+///
+/// What the kernel does with it: a new address gets the netmask and the broadcast address of its class, also where the
+/// alias had others. And where the alias has the first address of its subnet, the kernel drops the other addresses of
+/// that subnet with the old one, unless net.ipv4.conf.all.promote_secondaries is set.
 class ChangeAliasIf {
 public:
     typedef int ErrorType;  // NOLINT(modernize-use-using): as in IfReq
 
     /// @param main_if_name   the physical interface, such as `eth0`.
-    /// @param alias_if_name  such as `eth0:1`. An empty or null name is a failed assertion; of either, 15 characters
-    ///                       count.
+    /// @param alias_if_name  such as `eth0:1`. Without a label it is the interface itself that is changed. An empty or
+    ///                       null name is a failed assertion; of either name the kernel sees 15 characters.
     ChangeAliasIf(const char* main_if_name, const char* alias_if_name, IPv4::IPAddress alias_ip,
                   IPv4::IPAddress netmask, IPv4::IPAddress bcast);
     ~ChangeAliasIf() = default;
@@ -166,7 +169,10 @@ public:
     ChangeAliasIf& operator=(const ChangeAliasIf&) = default;
 
     /// Applies the settings.
-    /// @return 0, also if there was nothing to do.
+    ///
+    /// @return 0, also if there was nothing to do, or if what was read back is not what was set (and the failure action
+    ///         has returned). EINVAL, and nothing is asked of the kernel, if the label stands where the kernel does not
+    ///         see it: the interface itself would be changed.
     ErrorType DoIoCtl(int sd);
 
     std::string m_main_if_name;
@@ -181,18 +187,22 @@ private:
     bool ApplyBroadcast(int sd, const char* function, ErrorType& err);
 };
 
-/// Gives an interface a further address under a name of its own.
+/// Gives an interface a further address under a name of its own. An alias that is there already gets this address in
+/// place of its old one, as ChangeAliasIf does it.
 class AddAliasIf {
 public:
     typedef int ErrorType;  // NOLINT(modernize-use-using): as in IfReq
 
     /// @param main_if_name        the physical interface, such as `eth0`.
-    /// @param alias_if_name       such as `eth0:1`, up to 15 characters.
+    /// @param alias_if_name       such as `eth0:1`; 15 characters count. Without a label it is the interface itself
+    ///                            that gets the address.
     /// @param copy_main_settings  also gives it the netmask and the broadcast address of the main interface; otherwise
     ///                            they are what the kernel makes of the address.
     AddAliasIf(const char* main_if_name, const char* alias_if_name, IPv4::IPAddress alias_ip, bool copy_main_settings);
 
     /// Makes the alias. An empty name and a negative descriptor are failed assertions.
+    ///
+    /// @return as ChangeAliasIf::DoIoCtl.
     ErrorType DoIoCtl(int sd);
 
     std::string m_main_if_name;
@@ -203,7 +213,7 @@ public:
     bool m_copy_main_settings;
 };
 
-/// Takes an alias and its address away.
+/// Takes an alias and its address away. With the first address of a subnet go others, as of ChangeAliasIf.
 class DelAliasIf {
 public:
     typedef int ErrorType;  // NOLINT(modernize-use-using): as in IfReq

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
-#include <cstdio>
 #include <cstring>
 #include <limits>
 #include <ostream>
@@ -14,6 +13,7 @@
 #include <TarnSocketIO/SockAddr.h>
 #include <TarnSocketIO/detail/BoundedText.h>
 #include <TarnSocketIO/detail/PrintLine.h>
+#include <TarnSocketIO/detail/SocketCalls.h>
 
 namespace TarnSocketIO {
 
@@ -40,8 +40,9 @@ void IfReq::Init() {
 }
 
 void IfReq::Init(const char* name) {
-    Init();
+    // The name comes first: it may be the record's own, which Init would have emptied.
     SetIfName(name);
+    std::memset(&ifr_ifru, 0, sizeof ifr_ifru);
 }
 
 void IfReq::SetIfName(const char* name) {
@@ -50,6 +51,7 @@ void IfReq::SetIfName(const char* name) {
     // It may be the record's own name.
     std::memmove(ifr_name, text, length);
     ifr_name[length] = '\0';
+    ifr_name[sizeof ifr_name - 1] = '\0';
 }
 
 void IfReq::SetAddress(IPv4::IPAddress a) {
@@ -76,14 +78,12 @@ IPv4::IPAddress IfReq::GetDestinationAddress() const {
 
 IfReq::ErrorType IfReq::DoIoCtl(int sd, int request) {
     SOCKETIO_ASSERT_IN(source_file, 62, sd >= 0);
-    if (::ioctl(sd, static_cast<unsigned long>(request), this) >= 0) {
+    if (detail::Control(sd, static_cast<unsigned long>(request), static_cast<ifreq*>(this))) {
         return 0;
     }
     const int error = errno;
     detail::PrintLine("IfReq::DoIoCtl error ");
-    errno = error;
-    std::perror("ioctl ");
-    errno = error;
+    detail::PrintError("ioctl ", error);
     if (errno != 0) {
         SOCKETIO_ASSERT_IN(source_file, 69, !errno)(errno);
     }

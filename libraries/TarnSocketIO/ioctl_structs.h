@@ -26,8 +26,8 @@ public:
     /// Init(), then SetIfName(name).
     void Init(const char* name);
 
-    /// @param name  such as `eth0` or `eth0:1`; cut to its first 15 characters. Null is an empty name. Behind its
-    ///              terminator the record's old name stays.
+    /// @param name  such as `eth0` or `eth0:1`; cut to its first 15 characters. Null is an empty name. Between its end
+    ///              and the last byte, which is zero, the old name's characters stay.
     void SetIfName(const char* name);
 
     /// @return the name, valid while the record lives.

@@ -28,10 +28,12 @@ void ARPReq::Init() {
 }
 
 void ARPReq::Init(IPv4::IPAddress ip, const char* dev, OrFlag f1, OrFlag f2) {
-    Init();
-    SetIPv4ProtocolAddress(ip);
-    SetDeviceName(dev);
-    SetFlags(f1, f2, FLAG_NONE);
+    // Made apart: the name may be this record's own.
+    ARPReq fresh;
+    fresh.SetIPv4ProtocolAddress(ip);
+    fresh.SetDeviceName(dev);
+    fresh.SetFlags(f1, f2, FLAG_NONE);
+    *this = fresh;
 }
 
 void ARPReq::SetIPv4ProtocolAddress(IPv4::IPAddress ip) {
@@ -42,7 +44,12 @@ void ARPReq::SetIPv4ProtocolAddress(IPv4::IPAddress ip) {
 
 void ARPReq::SetDeviceName(const char* dev) {
     arp_ha.sa_family = 0;
-    std::strncpy(arp_dev, detail::TextOrNone(dev), sizeof arp_dev - 1);
+    const char* const name = detail::TextOrNone(dev);
+    // Kept: the last byte is not written.
+    constexpr std::size_t size = sizeof arp_dev - 1;
+    const std::size_t length = ::strnlen(name, size);
+    std::memmove(arp_dev, name, length);
+    std::memset(arp_dev + length, 0, size - length);
 }
 
 IPv4::IPAddress ARPReq::GetIPv4Address() const {

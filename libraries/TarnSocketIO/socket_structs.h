@@ -80,8 +80,9 @@ public:
 ///
 ///     IP: 192.168.1.7, Hw Type: 1, Flags: 2, MAC: 00:11:22:33:44:55, Mask: 255.255.255.255, Device: eth0
 ///
-/// The stream stays decimal. What GetIPv4Address asserts and GetIPv4Mask throws, happens here, when what stands before
-/// it has been written.
+/// The stream stays decimal; that of the hardware address leaves it with the fill character 0 and in upper case. What
+/// GetIPv4Address asserts and GetIPv4Mask throws, happens here, when what stands before it has been written: an entry
+/// from the kernel has no netmask that could be written.
 std::ostream& operator<<(std::ostream& os, const ARPTableIPv4Entry& e);
 
 }  // namespace TarnSocketIO

@@ -13,7 +13,8 @@ run_with 2
 grep -qF 'usage: ' "$work/errors" || fail "no usage"
 run_with 2 add wire0 wire0:1
 run_with 2 add wire0 wire0:1 192.0.2.256
-grep -qF 'bad ip address string field' "$work/errors" || fail "no word of the bad address"
+expect "word of the bad address" 'alias_interface: "192.0.2.256" is no address: bad ip address string field' \
+    "$(cat "$work/out")"
 
 if [ "$(id -u)" -eq 0 ]; then
     ip link add wire0 type veth peer name wire1
@@ -37,6 +38,8 @@ wire0:1 192.0.2.8/26 192.0.2.63" "$(addresses)"
     expect "changed in the broadcast address" "wire0 192.0.2.1/26 192.0.2.63
 wire0:1 192.0.2.8/26 192.0.2.60" "$(addresses)"
 
+    run_with 1 add wire0 a_long_name_____:1 192.0.2.9
+    grep -qF 'add of a_long_name_____:1 failed: Invalid argument' "$work/errors" || fail "no word of the long name"
     run_with 1 delete wire0 wire0
     grep -qF 'delete of wire0 failed: Invalid argument' "$work/errors" || fail "no word of the interface"
     run_with 0 delete wire0 wire0:1

@@ -11,8 +11,8 @@ fi
 program=("$@")
 run_with 2
 run_with 2 eth0
-run_with 1 eth0 192.0.2.256
-grep -qF 'bad ip address string field' "$work/errors" || fail "no word of the bad address"
+run_with 2 eth0 192.0.2.1 192.0.2.256
+expect "word of the bad address" 'arp_table: "192.0.2.256" is no address: bad ip address string field' "$(cat "$work/out")"
 
 [ "$(id -u)" -eq 0 ] || exit 0
 : >"$work/out"

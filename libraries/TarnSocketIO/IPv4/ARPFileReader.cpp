@@ -26,9 +26,9 @@ constexpr const char* reading_function = "void ARPFileReader::CacheFileContent()
 
 constexpr std::size_t longest_header = 78;
 
-// A file without an end comes to an address that stands in it twice: it is looked for one after this many entries, and
-// whenever there are twice as many again.
-constexpr std::size_t first_look_for_twins = 131072;
+// A file without an end comes to an address that stands in it twice: duplicates are looked for after this many entries,
+// and whenever there are twice as many again.
+constexpr std::size_t first_look_for_duplicates = 131072;
 
 /// Reads an entry as the kernel writes it. @return false for any other, and for one that does not end before `end`.
 bool ReadPlainEntry(const char*& at, const char* end, Entry& entry) {
@@ -89,10 +89,10 @@ void SortByAddress(std::vector<Entry>& entries) {
 /// Sorts, and sees to it that no address is there twice.
 void SortDistinct(std::vector<Entry>& entries) {
     SortByAddress(entries);
-    const auto twins = std::adjacent_find(entries.begin(), entries.end(), [](const Entry& left, const Entry& right) {
-        return left.m_IPAddress == right.m_IPAddress;
-    });
-    if (twins != entries.end()) {
+    const auto duplicate =
+        std::adjacent_find(entries.begin(), entries.end(),
+                           [](const Entry& left, const Entry& right) { return left.m_IPAddress == right.m_IPAddress; });
+    if (duplicate != entries.end()) {
         FailLibcAssertion("m_IPARPEntryMap.find(tblentry.m_IPAddress) == m_IPARPEntryMap.end()", source_file, 71,
                           reading_function);
     }
@@ -103,14 +103,14 @@ void ReadEntries(std::istream& stream, std::vector<Entry>& entries) {
     if (!text.SkipHeader(longest_header)) {
         return;
     }
-    std::size_t look_for_twins = first_look_for_twins;
+    std::size_t look_for_duplicates = first_look_for_duplicates;
     Entry entry;
     while (text.TakeAtHand([&](const char*& at, const char* end) { return ReadPlainEntry(at, end, entry); }) ||
            ReadEntry(text, entry)) {
         entries.push_back(entry);
-        if (entries.size() == look_for_twins) {
+        if (entries.size() == look_for_duplicates) {
             SortDistinct(entries);
-            look_for_twins *= 2;
+            look_for_duplicates *= 2;
         }
     }
 }

@@ -38,12 +38,16 @@ public:
     ///
     /// The file has a header line of up to 78 characters, and then entries of six words: address, hardware type, flags,
     /// hardware address, mask, device. Any white space separates words. All entries are taken, those that the kernel
-    /// has not resolved (00:00:00:00:00:00) among them. Reading ends, without a word, at a last entry of fewer than six
-    /// words, at a word or white space of more than a million characters, and before the first entry if the header is
-    /// longer.
+    /// has not resolved (00:00:00:00:00:00) among them. Reading ends, without a word, where the file cannot be read, at
+    /// a last entry of fewer than six words, at a word or white space of more than a million characters, and before the
+    /// first entry if the header is longer.
     ///
     /// A file that cannot be opened ends the process: "file could not be open" on standard output and a failed assert()
-    /// of the C library. So does an address that stands on two lines.
+    /// of the C library. So does an address that stands on two lines, as in the kernel's table where two devices have
+    /// the same neighbour; it is found at the end of the file, or sooner.
+    ///
+    /// An interface without hardware addresses, such as a tunnel, has lines of five words in the kernel's table. They
+    /// are read as all others, so that the next line is not.
     ///
     /// @throws std::runtime_error, std::range_error for an address or a hardware address that is none, as IPAddress and
     ///         MACAddress do when they are assigned a text. What stands on the lines before it is known then.

@@ -3,7 +3,6 @@
 #include <sys/ioctl.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <iostream>
 #include <stdexcept>
 
@@ -30,7 +29,7 @@ ARPIO::ARPIO(const char* dev) : ARPIO() {
 
 ARPIO::~ARPIO() {
     // Kept: 0 is left alone, even where it is this object's own.
-    if (m_SD > 0 && !detail::CloseWhole(m_SD)) {
+    if (m_SD > 0 && !detail::CloseRepeatedly(m_SD)) {
         detail::PrintText("~ARPIO() failed");
     }
 }
@@ -61,7 +60,7 @@ MACAddress ARPIO::Query(ARPTableIPv4Entry& entry) const {
 }
 
 int ARPIO::GetEntry(ARPTableIPv4Entry& entry) const {
-    if (::ioctl(m_SD, SIOCGARP, static_cast<arpreq*>(&entry)) >= 0) {
+    if (detail::Control(m_SD, SIOCGARP, static_cast<arpreq*>(&entry))) {
         return 0;
     }
     const int error = errno;
@@ -72,8 +71,7 @@ int ARPIO::GetEntry(ARPTableIPv4Entry& entry) const {
         std::cout << std::dec;
     }
     std::cout << entry.GetIPv4Address() << " " << std::flush;
-    errno = error;
-    std::perror("ioctl(Get ARP entry)");
+    detail::PrintError("ioctl(Get ARP entry)", error);
     return error;
 }
 

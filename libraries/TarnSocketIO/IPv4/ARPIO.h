@@ -37,8 +37,9 @@ public:
 
     /// The hardware address of an IPv4 address on a device, whatever device the object was made with.
     ///
-    /// @return 00:00:00:00:00:00 if the table has no entry, one that is not resolved yet, or one that is not Ethernet.
-    ///         That it has none is told as GetEntry does.
+    /// @return 00:00:00:00:00:00 if the table has no entry, one that was never resolved, or one that is not Ethernet. A
+    ///         host that has stopped answering keeps its last address; the flags of GetEntry tell it apart. That there
+    ///         is no entry is told as GetEntry does.
     MACAddress GetMACAddress(IPv4::IPAddress ip, const char* dev) const;
 
     /// The same on the device that the object was made with.
@@ -46,10 +47,13 @@ public:
 
     /// Runs a query.
     ///
-    /// @param entry  holds address and device; gets hardware address, flags, netmask and device.
-    /// @return 0, or the errno (ENXIO: there is no such entry). A failed query is told: "ARPIO::GetEntry error: " and
-    /// the
-    ///         address on std::cout, which stays decimal, and "ioctl(Get ARP entry): ..." on standard error.
+    /// @param entry  holds address and device; gets hardware address and flags, such as ARPReq::FLAG_COM if it is
+    ///               resolved. Its netmask comes without a family, so that GetIPv4Mask throws.
+    /// @return 0, or the errno (ENXIO: there is no such entry).
+    ///
+    /// A failed query is told: "ARPIO::GetEntry error: " and the address on std::cout, which is decimal afterwards, and
+    /// "ioctl(Get ARP entry): ..." on standard error. An entry without an IPv4 address fails, and then aborts the
+    /// process as ARPReq::GetIPv4Address does.
     int GetEntry(ARPTableIPv4Entry& entry) const;
 
 private:

@@ -16,7 +16,11 @@ void CloseDescriptor(int fd) {
     }
 }
 
-bool CloseWhole(int fd) {
+bool CloseOnce(int fd) {
+    return ::close(fd) == 0;
+}
+
+bool CloseRepeatedly(int fd) {
     struct stat before {};
     ::fstat(fd, &before);
     while (::close(fd) != 0) {

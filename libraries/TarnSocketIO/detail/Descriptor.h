@@ -6,10 +6,13 @@ namespace TarnSocketIO::detail {
 /// input.
 void CloseDescriptor(int fd);
 
-/// Closes a descriptor until it is closed, also where the system says EINTR and has not closed it yet.
-///
-/// @return false with errno set if it could not be closed.
-bool CloseWhole(int fd);
+// These two close any descriptor, 0 too, and return false with errno set if the system says that it could not.
+
+/// close(2).
+bool CloseOnce(int fd);
+
+/// The same again and again while it is interrupted, unless it has been closed all the same, as on Linux.
+bool CloseRepeatedly(int fd);
 
 /// The one owner of a descriptor: closes it when it goes, with CloseDescriptor.
 class Descriptor {

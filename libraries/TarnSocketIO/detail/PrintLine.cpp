@@ -1,7 +1,9 @@
 #include <TarnSocketIO/detail/PrintLine.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <exception>
 #include <iostream>
 
@@ -29,6 +31,12 @@ void PrintText(const char* text) noexcept {
     } catch (const std::exception&) {
         // As above.
     }
+}
+
+void PrintError(const char* what, int error) noexcept {
+    errno = error;
+    std::perror(what);
+    errno = error;
 }
 
 }  // namespace TarnSocketIO::detail

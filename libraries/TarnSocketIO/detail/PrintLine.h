@@ -11,4 +11,7 @@ void PrintLine(const char* format, ...) noexcept __attribute__((format(printf, 1
 /// Writes a text to std::cout, and does not flush it. Does not throw.
 void PrintText(const char* text) noexcept;
 
+/// Writes what has failed to standard error, as perror(3) does for `error`. Errno is `error` then.
+void PrintError(const char* what, int error) noexcept;
+
 }  // namespace TarnSocketIO::detail

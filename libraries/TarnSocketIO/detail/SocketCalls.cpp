@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netpacket/packet.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -49,6 +50,10 @@ int AwayFromStandardStreams(int fd) {
     ::close(fd);
     errno = error;
     return higher;
+}
+
+bool Control(int fd, unsigned long request, void* record) {
+    return ::ioctl(fd, request, record) >= 0;
 }
 
 bool SetLinger(int fd, int seconds) {

@@ -34,6 +34,9 @@ int OpenPacketSocket(std::uint16_t protocol);
 /// @return its number; -1 if `fd` is negative, or if there is no other number (then it is closed).
 int AwayFromStandardStreams(int fd);
 
+/// ioctl(2). @param record  what the request reads or fills.
+bool Control(int fd, unsigned long request, void* record);
+
 /// SO_LINGER: closing waits up to `seconds` for data on its way to the peer; 0 throws it away.
 bool SetLinger(int fd, int seconds);
 

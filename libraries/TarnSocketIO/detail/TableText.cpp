@@ -8,7 +8,8 @@ namespace TarnSocketIO::detail {
 namespace {
 
 constexpr std::size_t piece_size = 8192;  // as the stream reads it from a file
-// What scanning stops at behind the piece, and eight bytes that it looks at.
+// What stands behind a piece: where a word ends, where white space ends, and the rest of what BehindSpace looks at
+// there.
 constexpr std::string_view stops = " x         ";
 constexpr std::size_t longest_run = 1'000'000;
 
@@ -54,19 +55,14 @@ bool TableText::SkipWord() {
 }
 
 bool TableText::SkipSpace() {
-    for (std::size_t length = 0; length <= longest_run;) {
+    std::size_t length = 0;
+    do {
         const char* const from = m_at;
         // What stops it at the end of the piece stands behind that.
         m_at = std::min(BehindSpace(m_at), m_end);
-        if (m_at != m_end) {
-            return true;
-        }
         length += static_cast<std::size_t>(m_at - from);
-        if (!Refill()) {
-            return false;
-        }
-    }
-    return false;
+    } while (m_at == m_end && length <= longest_run && Refill());
+    return m_at != m_end && length <= longest_run;
 }
 
 /// Hands the next word to `use(from, length)`, in as many parts as pieces hold of it.

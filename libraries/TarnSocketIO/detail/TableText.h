@@ -14,7 +14,8 @@ constexpr bool IsSpace(char c) {
     return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-/// @return the first place from `at` that is no white space. Eight bytes behind it are looked at, too.
+/// @return the first place from `at` that is no white space; there must be one. Up to seven bytes behind it are looked
+/// at.
 inline const char* BehindSpace(const char* at) {
     // Columns that are aligned have many blanks in between.
     constexpr std::uint64_t blanks = 0x2020202020202020;
@@ -30,7 +31,7 @@ inline const char* BehindSpace(const char* at) {
     return at;
 }
 
-/// @return the first place from `at` that is white space.
+/// @return the first place from `at` that is white space; there must be one.
 inline const char* BehindWord(const char* at) {
     while (!IsSpace(*at)) {
         ++at;
@@ -66,8 +67,8 @@ public:
     /// Goes behind the next word, likewise.
     bool SkipWord();
 
-    /// Has `read(at, end)` go on from `at` in the piece at hand, which it may look at up to `end`. Behind that stand a
-    /// blank, an x and another blank: BehindSpace and BehindWord stop there, if they begin before it.
+    /// Lets `read(at, end)` try to read more than a word at once, straight from the piece at hand: it moves `at` on, up
+    /// to `end` at most. Behind that stand a blank, an x and another blank, so that BehindSpace and BehindWord stop.
     ///
     /// @return what it returns: false is that it could not, and then nothing is taken.
     template <class Read>
