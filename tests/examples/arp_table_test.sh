@@ -30,6 +30,11 @@ eventually ping -q -c 1 -W 1 192.0.2.2
 
 mac=$(neighbour ip -oneline link show dev wire0 | sed -E 's/.* link\/ether ([^ ]*) .*/\1/')
 run_with 0 wire0 192.0.2.2
-expect "neighbour" "192.0.2.2 file ${mac^^} kernel ${mac^^}" "$(cat "$work/out")"
+if [ $# -eq 1 ]; then
+    expect "neighbour" "192.0.2.2 file ${mac^^} kernel ${mac^^}" "$(cat "$work/out")"
+else
+    # An emulator does not hand the query on.
+    expect "neighbour" "192.0.2.2 file ${mac^^}" "$(grep -o '192.0.2.2 file [^ ]*' "$work/out")"
+fi
 run_with 0 wire0 192.0.2.99
 expect "nobody" "192.0.2.99 file 00:00:00:00:00:00 kernel 00:00:00:00:00:00" "$(grep -o '192.0.2.99 file.*' "$work/out")"
