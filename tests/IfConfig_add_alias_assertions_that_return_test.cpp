@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/AliasValues.h"
 #include "tests/support/PretendedInterfaces.h"
 #include "tests/support/ReturningRun.h"
 
@@ -19,17 +20,16 @@ namespace {
 using IPv4::IPAddress;
 using TarnSocketIO::AddAliasIf;
 using TarnSocketIO::DelAliasIf;
+using TarnTest::alias_address;
 using TarnTest::ExpectRun;
+using TarnTest::from_main;
+using TarnTest::main_broadcast;
+using TarnTest::main_netmask;
+using TarnTest::none;
 using TarnTest::PretendedInterfaces;
+using TarnTest::sd;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-constexpr int sd = 70;
-const IPAddress none;
-const IPAddress from_main(1, 0, 0, 0);
-const IPAddress alias_address(192, 0, 2, 7);
-const IPAddress main_netmask(255, 255, 255, 0);
-const IPAddress main_broadcast(192, 0, 2, 255);
 
 const PretendedInterfaces::Interface main_interface = {"eth0", IPAddress(192, 0, 2, 1), main_netmask, main_broadcast,
                                                        IFF_UP | IFF_BROADCAST};

@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/AliasValues.h"
 #include "tests/support/AssertionReport.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/FailingCalls.h"
@@ -32,6 +33,7 @@ using TarnSocketIO::DelAliasIf;
 using TarnSocketIO::GetAllIfs;
 using TarnSocketIO::IfConfig;
 using TarnSocketIO::IfReq;
+using TarnTest::alias_address;
 using TarnTest::AssertionReport;
 using TarnTest::Call;
 using TarnTest::CallWatch;
@@ -39,15 +41,13 @@ using TarnTest::ChildProcess;
 using TarnTest::CountOpenDescriptors;
 using TarnTest::ExpectAssertion;
 using TarnTest::FailingCalls;
+using TarnTest::from_main;
+using TarnTest::main_broadcast;
+using TarnTest::main_netmask;
+using TarnTest::none;
 using TarnTest::PretendedInterfaces;
+using TarnTest::sd;
 using testing::ElementsAre;
-
-constexpr int sd = 70;
-const IPAddress none;
-const IPAddress from_main(1, 0, 0, 0);
-const IPAddress alias_address(192, 0, 2, 7);
-const IPAddress main_netmask(255, 255, 255, 0);
-const IPAddress main_broadcast(192, 0, 2, 255);
 
 const std::vector<PretendedInterfaces::Interface> interfaces_of_host = {
     {"lo", IPAddress(127, 0, 0, 1), IPAddress(255, 0, 0, 0), none, IFF_UP | IFF_LOOPBACK},

@@ -14,12 +14,16 @@
 #include <type_traits>
 #include <vector>
 
+#include "tests/support/InterfaceRecords.h"
+
 namespace {
 
 using IPv4::IPAddress;
 using TarnSocketIO::IfConf;
 using TarnSocketIO::IfFlagsReq;
 using TarnSocketIO::IfReq;
+using TarnTest::WithAddress;
+using TarnTest::WithFlags;
 
 const std::string no_ipv4_address = "IPAddress(const struct sockaddr& addr) addr is not IPv4\n";
 
@@ -62,18 +66,6 @@ std::string NameFieldOf(const IfReq& record) {
 IfReq FullRecord() {
     IfReq record("");
     std::memset(static_cast<void*>(&record), 0xEE, sizeof record);
-    return record;
-}
-
-IfReq WithFlags(const char* name, int flags) {
-    IfReq record(name);
-    record.ifr_flags = static_cast<short>(flags);
-    return record;
-}
-
-IfReq WithAddress(const char* name, IPAddress address) {
-    IfReq record(name);
-    record.SetAddress(address);
     return record;
 }
 

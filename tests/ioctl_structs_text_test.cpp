@@ -10,24 +10,16 @@
 #include <stdexcept>
 #include <string>
 
+#include "tests/support/InterfaceRecords.h"
+
 namespace {
 
 using IPv4::IPAddress;
 using TarnSocketIO::IfReq;
+using TarnTest::WithAddress;
+using TarnTest::WithFlags;
 
 const std::string flags_of_an_address = "\t\t< DOWN BCAST=1 MCAST=0 RUNNING=0 LOOPBACK=0 >";
-
-IfReq WithFlags(const char* name, int flags) {
-    IfReq record(name);
-    record.ifr_flags = static_cast<short>(flags);
-    return record;
-}
-
-IfReq WithAddress(const char* name, IPAddress address) {
-    IfReq record(name);
-    record.SetAddress(address);
-    return record;
-}
 
 std::string TextOf(const ifreq& record) {
     std::ostringstream text;

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "tests/support/Eventually.h"
+#include "tests/support/InterfaceRequests.h"
 #include "tests/support/InterfaceState.h"
 #include "tests/support/NetworkTest.h"
 #include "tests/support/PrivateNetwork.h"
@@ -22,11 +23,15 @@ using TarnSocketIO::GetIoCltIf;
 using TarnSocketIO::IfConfig;
 using TarnSocketIO::IfFlagsReq;
 using TarnSocketIO::IfReq;
-using TarnSocketIO::SetIoCltIf;
 using TarnTest::AddressLines;
 using TarnTest::Eventually;
+using TarnTest::GetBroadcast;
+using TarnTest::GetNetmask;
 using TarnTest::LinkFlags;
 using TarnTest::PrivateNetwork;
+using TarnTest::SetAddress;
+using TarnTest::SetBroadcast;
+using TarnTest::SetNetmask;
 using TarnTest::WiredHosts;
 using testing::Contains;
 using testing::ElementsAre;
@@ -40,12 +45,7 @@ using InterfaceFlags = TarnTest::NetworkTest;
 using InterfaceAddresses = TarnTest::NetworkTest;
 
 using GetAddress = GetIoCltIf<SIOCGIFADDR, IPAddress, &IfReq::GetAddress>;
-using GetNetmask = GetIoCltIf<SIOCGIFNETMASK, IPAddress, &IfReq::GetAddress>;
-using GetBroadcast = GetIoCltIf<SIOCGIFBRDADDR, IPAddress, &IfReq::GetBcastAddress>;
 using GetDestination = GetIoCltIf<SIOCGIFDSTADDR, IPAddress, &IfReq::GetDestinationAddress>;
-using SetAddress = SetIoCltIf<SIOCSIFADDR, IPAddress, &IfReq::SetAddress, &IfReq::GetAddress>;
-using SetNetmask = SetIoCltIf<SIOCSIFNETMASK, IPAddress, &IfReq::SetAddress, &IfReq::GetAddress>;
-using SetBroadcast = SetIoCltIf<SIOCSIFBRDADDR, IPAddress, &IfReq::SetBcastAddress, &IfReq::GetBcastAddress>;
 
 IfFlagsReq ReadFlags(const char* name) {
     const IfConfig config;

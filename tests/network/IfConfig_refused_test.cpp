@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "tests/support/ChildProcess.h"
+#include "tests/support/InterfaceRequests.h"
 #include "tests/support/InterfaceState.h"
 #include "tests/support/NetworkTest.h"
 #include "tests/support/PrivateNetwork.h"
@@ -31,15 +32,18 @@ using TarnSocketIO::AddAliasIf;
 using TarnSocketIO::ChangeAliasIf;
 using TarnSocketIO::DelAliasIf;
 using TarnSocketIO::GetAllIfs;
-using TarnSocketIO::GetIoCltIf;
 using TarnSocketIO::IfConfig;
 using TarnSocketIO::IfFlagsReq;
 using TarnSocketIO::IfReq;
-using TarnSocketIO::SetIoCltIf;
 using TarnTest::AddressLines;
 using TarnTest::ChildProcess;
+using TarnTest::GetBroadcast;
+using TarnTest::GetNetmask;
 using TarnTest::GiveUpPrivileges;
 using TarnTest::PrivateNetwork;
+using TarnTest::SetAddress;
+using TarnTest::SetBroadcast;
+using TarnTest::SetNetmask;
 using TarnTest::Shared;
 using TarnTest::WiredHosts;
 using testing::ElementsAre;
@@ -50,12 +54,6 @@ namespace {
 
 using RefusedRequest = TarnTest::NetworkTest;
 using UnprivilegedProcess = TarnTest::NetworkTest;
-
-using GetNetmask = GetIoCltIf<SIOCGIFNETMASK, IPAddress, &IfReq::GetAddress>;
-using GetBroadcast = GetIoCltIf<SIOCGIFBRDADDR, IPAddress, &IfReq::GetBcastAddress>;
-using SetAddress = SetIoCltIf<SIOCSIFADDR, IPAddress, &IfReq::SetAddress, &IfReq::GetAddress>;
-using SetNetmask = SetIoCltIf<SIOCSIFNETMASK, IPAddress, &IfReq::SetAddress, &IfReq::GetAddress>;
-using SetBroadcast = SetIoCltIf<SIOCSIFBRDADDR, IPAddress, &IfReq::SetBcastAddress, &IfReq::GetBcastAddress>;
 
 const IPAddress leave_alone(0, 0, 0, 0);
 const IPAddress from_main(1, 0, 0, 0);
