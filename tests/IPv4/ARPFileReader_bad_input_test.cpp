@@ -223,6 +223,13 @@ TEST(ARPFileReaderMalformed, AddressIsRefusedAsByItsParser) {
     }
 }
 
+TEST(ARPFileReaderMalformed, AddressIsRefusedThatRunsIntoTheNextColumn) {
+    UsedReader reader;
+    EXPECT_EQ(RefusalOf<std::runtime_error>("bad ip address string"),
+              reader.Read(arp_header + entry + "10.0.0.1:0x1 0x2 00:11:22:33:44:55 * eth0\n" + later_entry));
+    EXPECT_EQ(not_known, reader.Known(later_ip));
+}
+
 TEST(ARPFileReaderMalformed, HardwareAddressIsRefusedAsByItsParser) {
     const struct {
         const char* word;

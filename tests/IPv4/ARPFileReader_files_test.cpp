@@ -269,6 +269,18 @@ TEST(ARPFileReaderEndlessFile, OfOneEntryEndsTheProcess) {
     EXPECT_TRUE(spring.WasLeft());
 }
 
+TEST(ARPFileReaderEndlessFile, OfOneEntryBehindAWholeTableEndsTheProcess) {
+    std::string table = arp_header;
+    for (int host = 0; host < 140000; ++host) {
+        table += "10." + std::to_string(host / 65536 + 1) + "." + std::to_string(host / 256 % 256) + "." +
+                 std::to_string(host % 256) + " 1 2 0 * -\n";
+    }
+    Spring spring({table, later_entry, 64 * mebibyte / later_entry.size(), "\n"});
+    ChildProcess child([&] { ARPFileReader(spring.Name().c_str()).CacheFileContent(); });
+    EXPECT_EQ(SIGABRT, child.EndingSignal());
+    EXPECT_TRUE(spring.WasLeft());
+}
+
 TEST(ARPFileReaderPipe, IsReadBehindAMillionCharactersOfWhiteSpace) {
     for (const char* const piece : {"    ", "\n\n\n\n", " \t\r\n"}) {
         Spring spring({arp_header + entry, piece, 249999, later_entry});
