@@ -26,6 +26,7 @@
 #include <cassert>
 #include <csignal>
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -318,16 +319,22 @@ TEST(AssertionSites, ThatCannotBeReachedHereKeepTheirPlaceAndExpression) {
         // Those of a header may stand in the source beside it.
         const std::filesystem::path file = site.file;
         const std::string name = file.extension() == ".h" ? "header_file" : "source_file";
-        const std::string place = name + ", " + std::to_string(site.line) + ",";
-        const std::string expression = site.expression;
         const std::string source =
             TarnTest::ReadFile(TARN_SOURCE_ROOT / std::filesystem::path(file).replace_extension(".cpp"));
+        std::ostringstream place;
+        place << name << ", " << site.line << ",";
+        std::ostringstream by_macro;
+        by_macro << "ASSERT_IN(" << place.str() << " " << site.expression << ")";
+        std::ostringstream by_hand;
+        by_hand << '"' << site.expression << "\", " << place.str();
+        std::ostringstream of_operation;
+        of_operation << "ASSERT_OF_OPERATION(" << site.line << ", " << site.expression << ")";
+        std::ostringstream last_argument;
+        last_argument << '"' << site.expression << "\")";
         EXPECT_THAT(source, HasSubstr(name + " = \"" + site.file + "\""));
-        EXPECT_THAT(source, testing::AnyOf(
-                                HasSubstr("ASSERT_IN(" + place + " " + expression + ")"),
-                                HasSubstr("\"" + expression + "\", " + place),
-                                HasSubstr("ASSERT_OF_OPERATION(" + std::to_string(site.line) + ", " + expression + ")"),
-                                AllOf(HasSubstr(place), HasSubstr("\"" + expression + "\")"))));
+        EXPECT_THAT(source,
+                    testing::AnyOf(HasSubstr(by_macro.str()), HasSubstr(by_hand.str()), HasSubstr(of_operation.str()),
+                                   AllOf(HasSubstr(place.str()), HasSubstr(last_argument.str()))));
     }
 }
 

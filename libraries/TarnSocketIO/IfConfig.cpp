@@ -39,6 +39,11 @@ bool IsFromMain(IPAddress value) {
     return value == IPAddress(1, 0, 0, 0);
 }
 
+/// A name up to its first NUL.
+std::string AsKernelSeesIt(const std::string& name) {
+    return name.substr(0, name.find('\0'));
+}
+
 /// @return whether the kernel, which sees 15 characters, would take an alias's name for that of an interface.
 bool IsCutToAnInterface(const std::string& name) {
     const std::size_t label = name.find(':');
@@ -245,9 +250,8 @@ DelAliasIf::DelAliasIf(const char* main_if_name, const char* alias_if_name)
     : m_main_if_name(detail::TextOrNone(main_if_name)), m_alias_if_name(detail::TextOrNone(alias_if_name)) {}
 
 DelAliasIf::ErrorType DelAliasIf::DoIoCtl(int sd) {
-    // As the kernel sees them: up to the first NUL.
-    const std::string main_if_name = m_main_if_name.c_str();
-    const std::string alias_if_name = m_alias_if_name.c_str();
+    const std::string main_if_name = AsKernelSeesIt(m_main_if_name);
+    const std::string alias_if_name = AsKernelSeesIt(m_alias_if_name);
     // Without a label, or with one that the record would cut off, it would be the interface that is switched off.
     if (main_if_name.empty() || alias_if_name.size() >= IFNAMSIZ || alias_if_name.rfind(main_if_name + ":", 0) != 0) {
         return EINVAL;

@@ -13,7 +13,12 @@
 #include <TarnSocketIO/detail/TableText.h>
 
 using TarnSocketIO::MACAddress;
+using TarnSocketIO::detail::BehindSpace;
+using TarnSocketIO::detail::BehindWord;
 using TarnSocketIO::detail::FailLibcAssertion;
+using TarnSocketIO::detail::IsSpace;
+using TarnSocketIO::detail::ReadPlainHardwareAddress;
+using TarnSocketIO::detail::ReadPlainQuad;
 using TarnSocketIO::detail::TableText;
 using TarnSocketIO::detail::WordText;
 
@@ -32,7 +37,6 @@ constexpr std::size_t first_look_for_duplicates = 131072;
 
 /// Reads an entry as the kernel writes it. @return false for any other, and for one that does not end before `end`.
 bool ReadPlainEntry(const char*& at, const char* end, Entry& entry) {
-    using namespace TarnSocketIO::detail;
     const auto skip_word = [&at, end] {
         at = BehindWord(BehindSpace(at));
         return at < end;
