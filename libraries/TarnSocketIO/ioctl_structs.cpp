@@ -101,6 +101,7 @@ IfConf::IfConf(ifreq* ifs, unsigned int arr_size) : ifconf() {
 }
 
 void IfConf::Set(ifreq* ifs, unsigned int arr_size) {
+    // NOLINTNEXTLINE(modernize-use-nullptr): reported as it stands here
     SOCKETIO_ASSERT_IN(header_file, 42, ifs != 0 && arr_size > 0)(arr_size);
     constexpr auto most = static_cast<unsigned int>(std::numeric_limits<int>::max() / sizeof(ifreq));
     ifc_req = ifs;

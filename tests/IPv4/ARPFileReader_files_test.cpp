@@ -292,6 +292,20 @@ TEST(ARPFileReaderPipe, IsReadBehindAMillionCharactersOfWhiteSpace) {
     }
 }
 
+TEST(ARPFileReaderFile, IsLeftBehindOneMoreCharacterOfWhiteSpace) {
+    const std::string line = entry.substr(0, entry.size() - 1);
+    const TableFile within(arp_header + line + std::string(1000000, ' ') + later_entry);
+    ARPFileReader reader(within.Name().c_str());
+    EXPECT_EQ("", RefusalBy(reader));
+    EXPECT_EQ(mac, Known(reader, later_ip));
+
+    const TableFile beyond(arp_header + line + std::string(1000001, ' ') + later_entry);
+    reader.Set(beyond.Name().c_str());
+    EXPECT_EQ("", RefusalBy(reader));
+    EXPECT_EQ(mac, Known(reader, ip));
+    EXPECT_EQ(not_known, Known(reader, later_ip));
+}
+
 /// Reads what is in a pipe whose writer goes on to have it open, in a child: it would wait for more.
 void ExpectNotWaited(const std::string& text, const std::string& known, const std::string& refusal = "") {
     const Folder folder;
