@@ -231,7 +231,8 @@ constexpr LibcSite libc_sites[] = {
      {"m_IPARPEntryMap.find(tblentry.m_IPAddress) == m_IPARPEntryMap.end()", read_arp_file, arp_file_reader, 71}},
 };
 
-/// A signature as this compiler writes it: Clang has a blank before the mark of a reference or a pointer.
+/// A signature as this compiler writes it: Clang has a blank before the mark of a reference or a pointer, and a type
+/// that is returned as it stands in the source.
 std::string Signature(const std::string& as_gcc_writes_it) {
     std::string signature;
     for (const char c : as_gcc_writes_it) {
@@ -242,6 +243,11 @@ std::string Signature(const std::string& as_gcc_writes_it) {
 #endif
         signature += c;
     }
+#ifdef __clang__
+    if (signature.find("::ErrorType ") != std::string::npos) {
+        signature.erase(0, sizeof "TarnSocketIO::" - 1);
+    }
+#endif
     return signature;
 }
 
