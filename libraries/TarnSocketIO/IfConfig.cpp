@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
-#include <cstring>
 #include <stdexcept>
 
 #include <TarnSocketIO/detail/BoundedText.h>

@@ -230,6 +230,17 @@ TEST(ARPFileReaderMalformed, AddressIsRefusedThatRunsIntoTheNextColumn) {
     EXPECT_EQ(not_known, reader.Known(later_ip));
 }
 
+TEST(ARPFileReaderMalformed, LineOfAnInterfaceWithoutHardwareAddressesIsRefused) {
+    // As the kernel writes it: blanks in the place of the hardware address.
+    const std::string tunnel = "10.9.0.2         0xfffe      0x4                           *        tun0\n";
+    UsedReader reader;
+    EXPECT_EQ(RefusalOf<std::runtime_error>("incorrect length for MAC address string"),
+              reader.Read(arp_header + entry + tunnel + later_entry));
+    EXPECT_EQ(mac, reader.Known(ip));
+    EXPECT_EQ(not_known, reader.Known(later_ip));
+    EXPECT_EQ("", reader.Read(arp_header + entry + tunnel)) << "a last line that is short";
+}
+
 TEST(ARPFileReaderMalformed, HardwareAddressIsRefusedAsByItsParser) {
     const struct {
         const char* word;

@@ -46,8 +46,8 @@ public:
     /// of the C library. So does an address that stands on two lines, as in the kernel's table where two devices have
     /// the same neighbour; it is found at the end of the file, or sooner.
     ///
-    /// An interface without hardware addresses, such as a tunnel, has lines of five words in the kernel's table. They
-    /// are read as all others, so that the next line is not.
+    /// An interface without hardware addresses, such as a tunnel, has lines of five words in the kernel's table: their
+    /// mask, `*`, stands where the hardware address is expected, and is refused. Only as the last line is one left out.
     ///
     /// @throws std::runtime_error, std::range_error for an address or a hardware address that is none, as IPAddress and
     ///         MACAddress do when they are assigned a text. What stands on the lines before it is known then.
