@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/AliasSteps.h"
 #include "tests/support/AliasValues.h"
 #include "tests/support/PretendedInterfaces.h"
 #include "tests/support/ReturningRun.h"
@@ -21,13 +22,20 @@ using IPv4::IPAddress;
 using TarnSocketIO::AddAliasIf;
 using TarnSocketIO::DelAliasIf;
 using TarnTest::alias_address;
+using TarnTest::AliasStep;
+using TarnTest::all_requests;
+using TarnTest::copying_steps;
+using TarnTest::Errors;
 using TarnTest::ExpectRun;
 using TarnTest::from_main;
+using TarnTest::get_says;
 using TarnTest::main_broadcast;
 using TarnTest::main_netmask;
 using TarnTest::none;
 using TarnTest::PretendedInterfaces;
+using TarnTest::refused;
 using TarnTest::sd;
+using TarnTest::set_says;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -36,23 +44,7 @@ const PretendedInterfaces::Interface main_interface = {"eth0", IPAddress(192, 0,
 const PretendedInterfaces::Interface alias = {"eth0:1", alias_address, main_netmask, main_broadcast,
                                               IFF_UP | IFF_BROADCAST | IFF_RUNNING};
 
-const std::vector<std::string> all_requests = {
-    "SIOCSIFADDR eth0:1 192.0.2.7", "SIOCGIFNETMASK eth0", "SIOCSIFNETMASK eth0:1 255.255.255.0",
-    "SIOCGIFNETMASK eth0:1",        "SIOCGIFBRDADDR eth0", "SIOCSIFBRDADDR eth0:1 192.0.2.255",
-    "SIOCGIFBRDADDR eth0:1",
-};
-
-const std::string refused = "IfReq::DoIoCtl: !errno (ioctl_structs.cpp:69)";
 const std::string cannot_add = "AddAliasIf::DoIoCtl: !err (IfConfig.cpp:119)";
-const std::string get_says = "IfReq::DoIoCtl error ";
-const std::string set_says = "IfReq::DoIoCtl error SetIoCltIf::DoIoCtl error ";
-
-/// What a refused request says on standard error, and the operation that made it.
-std::string Errors(int error, const std::string& operation_says = "") {
-    const std::string words = std::strerror(error);
-    const std::string request_says = "ioctl : " + words + "\n\n (*__errno_location ()): " + std::to_string(error);
-    return operation_says.empty() ? request_says : request_says + operation_says + ": " + words + "\n";
-}
 
 std::string CannotAddValues(const std::string& name) {
     return "\n m_alias_if_name: " + name + "\n m_alias_ip: 192.0.2.7";
@@ -119,25 +111,7 @@ TEST(AddAliasIfThatReturns, ARefusedAliasIsToldAndNothingIsCopied) {
 }
 
 TEST(AddAliasIfThatReturns, AFailedCopyLeavesTheAliasAndWhatHasBeenCopied) {
-    const struct {
-        std::size_t number;
-        std::string output;
-        const char* says;
-        int line;
-        const char* values;
-        IPAddress netmask;
-        IPAddress broadcast;
-    } steps[] = {
-        {2, get_says, "ioctl - To get the netmask for interface", 183, "\n m_main_if_name: eth0\n m_netmask: 1.0.0.0",
-         from_main, from_main},
-        {3, set_says, "ioctl - Set the netmask for alias interface", 195, "\n m_netmask: 255.255.255.0", main_netmask,
-         from_main},
-        {5, get_says, "ioctl - To get the bcast for interface", 235, "\n m_main_if_name: eth0\n m_bcast: 1.0.0.0",
-         main_netmask, from_main},
-        {6, set_says, "ioctl - Set the bcast for alias interface", 248, "\n m_bcast: 192.0.2.255", main_netmask,
-         main_broadcast},
-    };
-    for (const auto& step : steps) {
+    for (const AliasStep& step : copying_steps) {
         SCOPED_TRACE(step.says);
         const std::string site = "ChangeAliasIf::DoIoCtl: !err (IfConfig.cpp:" + std::to_string(step.line) + ")";
         ExpectRun({step.output, Errors(EACCES, step.says) + step.values, {refused, site}}, [&] {

@@ -7,11 +7,11 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <cstring>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "tests/support/AliasSteps.h"
 #include "tests/support/AliasValues.h"
 #include "tests/support/PretendedInterfaces.h"
 #include "tests/support/ReturningRun.h"
@@ -21,14 +21,21 @@ namespace {
 using IPv4::IPAddress;
 using TarnSocketIO::ChangeAliasIf;
 using TarnTest::alias_address;
+using TarnTest::AliasStep;
+using TarnTest::all_requests;
+using TarnTest::copying_steps;
+using TarnTest::Errors;
 using TarnTest::ExpectRun;
 using TarnTest::from_main;
+using TarnTest::get_says;
 using TarnTest::main_broadcast;
 using TarnTest::main_netmask;
 using TarnTest::none;
 using TarnTest::PretendedInterfaces;
+using TarnTest::refused;
 using TarnTest::ReturningRun;
 using TarnTest::sd;
+using TarnTest::set_says;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -38,32 +45,13 @@ const std::vector<PretendedInterfaces::Interface> main_and_alias = {
      IFF_UP | IFF_BROADCAST | IFF_RUNNING},
 };
 
-/// All that can be asked for an alias, its values taken from the main interface.
-const std::vector<std::string> all_requests = {
-    "SIOCSIFADDR eth0:1 192.0.2.7", "SIOCGIFNETMASK eth0", "SIOCSIFNETMASK eth0:1 255.255.255.0",
-    "SIOCGIFNETMASK eth0:1",        "SIOCGIFBRDADDR eth0", "SIOCSIFBRDADDR eth0:1 192.0.2.255",
-    "SIOCGIFBRDADDR eth0:1",
-};
-
 std::vector<std::string> FirstRequests(std::size_t count) {
     return {all_requests.begin(), all_requests.begin() + static_cast<std::ptrdiff_t>(count)};
 }
 
-const std::string refused = "IfReq::DoIoCtl: !errno (ioctl_structs.cpp:69)";
-
 std::string SiteInChange(const std::string& expression, int line) {
     return "ChangeAliasIf::DoIoCtl: " + expression + " (IfConfig.cpp:" + std::to_string(line) + ")";
 }
-
-/// What a refused request says on standard error, and the operation that made it.
-std::string Errors(int error, const std::string& operation_says) {
-    const std::string words = std::strerror(error);
-    return "ioctl : " + words + "\n\n (*__errno_location ()): " + std::to_string(error) + operation_says + ": " +
-           words + "\n";
-}
-
-const std::string get_says = "IfReq::DoIoCtl error ";
-const std::string set_says = "IfReq::DoIoCtl error SetIoCltIf::DoIoCtl error ";
 
 ChangeAliasIf ChangeAll() {
     return {"eth0", "eth0:1", alias_address, from_main, from_main};
@@ -140,30 +128,11 @@ TEST(ChangeAliasIf, TheMarkOfTheMainInterfaceIsAnAddressLikeAnyOther) {
     });
 }
 
-struct Step {
-    std::size_t number;  ///< of its request
-    std::string output;
-    std::string says;
-    int line;
-    std::string values;
-    IPAddress netmask;  ///< what the operation holds afterwards
-    IPAddress broadcast;
-};
-
 TEST(ChangeAliasIfThatReturns, EndsWithTheStepThatIsRefused) {
-    const Step steps[] = {
-        {1, set_says, "ioctl - Could not set a alias interface ip address", 166,
-         "\n m_alias_if_name: eth0:1\n m_alias_ip: 192.0.2.7", from_main, from_main},
-        {2, get_says, "ioctl - To get the netmask for interface", 183, "\n m_main_if_name: eth0\n m_netmask: 1.0.0.0",
-         from_main, from_main},
-        {3, set_says, "ioctl - Set the netmask for alias interface", 195, "\n m_netmask: 255.255.255.0", main_netmask,
-         from_main},
-        {5, get_says, "ioctl - To get the bcast for interface", 235, "\n m_main_if_name: eth0\n m_bcast: 1.0.0.0",
-         main_netmask, from_main},
-        {6, set_says, "ioctl - Set the bcast for alias interface", 248, "\n m_bcast: 192.0.2.255", main_netmask,
-         main_broadcast},
-    };
-    for (const Step& step : steps) {
+    std::vector<AliasStep> steps = {{1, set_says, "ioctl - Could not set a alias interface ip address", 166,
+                                     "\n m_alias_if_name: eth0:1\n m_alias_ip: 192.0.2.7", from_main, from_main}};
+    steps.insert(steps.end(), copying_steps.begin(), copying_steps.end());
+    for (const AliasStep& step : steps) {
         SCOPED_TRACE(step.says);
         for (const int error : {EPERM, EADDRNOTAVAIL}) {
             const ReturningRun run = {
